@@ -145,6 +145,9 @@ int KELNetioConfigurator_getRouteCount(const KELNetioConfigurator *self);
 int KELNetioConfigurator_getRoute(const KELNetioConfigurator *self, int index,
                                   struct KELNetioRoute *route_out);
 int KELNetioConfigurator_getPluginCount(const KELNetioConfigurator *self);
+/* Room for plugins: the plugin_count_max the configurator was made with
+ * (after applying the default). */
+int KELNetioConfigurator_getPluginCountMax(const KELNetioConfigurator *self);
 
 #ifdef __cplusplus
 } /* extern "C" */
