@@ -1,0 +1,914 @@
+// The UDP transport module: record copy, constructors and their refusals,
+// plugin operations, interface selection, statistics and run-time control.
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TestSupport.hpp"
+#include "vesk_transport/platform/Heap.h"
+#include "vesk_transport/platform/Udp.h"
+#include "vesk_transport/platform/UdpInterfaces.hpp"
+
+namespace {
+
+using vesk::test::liveHeapBlocks;
+using vesk::test::LogCapture;
+
+enum class Kind { V4, WAN, V6 };
+
+using Constructor = VESK_Transport_Plugin *(*)(const VESK_Transport_UDP_Property_t *,
+                                               VESK_Transport_Address_t *, void *);
+
+struct ClassRow {
+    Constructor create;
+    const char *function;  // the reporting function of its messages
+};
+
+const ClassRow &classOf(Kind kind) {
+    static const ClassRow rows[] = {
+        {VESK_Transport_UDPv4_newI, "VESK_Transport_UDPv4_newI"},
+        {VESK_Transport_UDPv4_WAN_newI, "VESK_Transport_UDPv4_WAN_newI"},
+        {VESK_Transport_UDPv6_newI, "VESK_Transport_UDPv6_newI"}};
+    return rows[static_cast<int>(kind)];
+}
+
+// The class's default record, as the factories start from it.
+VESK_Transport_UDP_Property_t defaults(Kind kind) {
+    VESK_Transport_UDP_Property_t p{};
+    p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4;
+    p.parent.address_bit_count = 32;
+    p.parent.gather_send_buffer_count_max = 16;
+    p.parent.message_size_max = 65507;
+    p.parent.max_interface_count = -1;
+    p.send_socket_buffer_size = 0x200000;
+    p.recv_socket_buffer_size = 0x200000;
+    p.unicast_enabled = 1;
+    p.multicast_enabled = 1;
+    p.multicast_ttl = 1;
+    p.ignore_loopback_interface = -1;
+    p.ignore_nonup_interfaces = 1;
+    p.ignore_nonrunning_interfaces = 1;
+    p.send_blocking = 1;
+    p.use_checksum = 1;
+    p.transport_priority_mapping_high = 255;
+    p.send_ping = 1;
+    p.interface_poll_period = 500;
+    p.reuse_multicast_receive_resource = 1;
+    p.protocol_overhead_max = 28;
+    p.join_multicast_group_timeout = 5000;
+    if (kind == Kind::WAN) {
+        p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4_WAN;
+        p.parent.address_bit_count = 128;
+        p.parent.message_size_max = 1400;
+        p.multicast_enabled = 0;
+        p.port_offset = 125;
+        p.binding_ping_period = 1000;
+    } else if (kind == Kind::V6) {
+        p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6;
+        p.parent.address_bit_count = 128;
+        p.parent.message_size_max = 65487;
+        p.use_checksum = 0;
+        p.protocol_overhead_max = 48;
+    }
+    return p;
+}
+
+struct PluginDeleter {
+    void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
+};
+using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
+
+PluginPtr make(Kind kind, const VESK_Transport_UDP_Property_t &property) {
+    return PluginPtr(classOf(kind).create(&property, nullptr, nullptr));
+}
+
+// The UDP record a plugin keeps (its property member heads it).
+const VESK_Transport_UDP_Property_t &udpRecord(const VESK_Transport_Plugin *plugin) {
+    return *reinterpret_cast<const VESK_Transport_UDP_Property_t *>(plugin->property);
+}
+
+VESK_Transport_Address_t ipv4(unsigned char a, unsigned char b, unsigned char c, unsigned char d) {
+    VESK_Transport_Address_t out{};
+    out.network_ordered_value[12] = a;
+    out.network_ordered_value[13] = b;
+    out.network_ordered_value[14] = c;
+    out.network_ordered_value[15] = d;
+    return out;
+}
+
+bool sameAddress(const VESK_Transport_Address_t &a, const VESK_Transport_Address_t &b) {
+    return std::memcmp(a.network_ordered_value, b.network_ordered_value, 16) == 0;
+}
+
+// A UDP record that owns nothing but points at test-owned members.
+struct WanSource {
+    char lo[3] = "lo";
+    char eth[6] = "eth0*";
+    char address[16] = "203.0.113.5";
+    char prefix[6] = "wan01";
+    char *allow[2] = {lo, eth};
+    VESK_Transport_UDP_WAN_CommPortsMappingInfo ports[2] = {{7400, 7400, 17400, 1},
+                                                            {7410, 7411, 17411, 0}};
+    VESK_Transport_UDP_WAN_Listener listener{};
+    VESK_Transport_UDP_Property_t record = defaults(Kind::WAN);
+    WanSource() {
+        record.parent.allow_interfaces_list = allow;
+        record.parent.allow_interfaces_list_length = 2;
+        record.parent.thread_name_prefix = prefix;
+        record.public_address = address;
+        record.comm_ports_list = ports;
+        record.comm_ports_list_length = 2;
+        record.wan_listener = &listener;
+    }
+};
+
+// ---------------------------------------------------------------------
+// Record copy
+
+TEST(UdpPropertyCopy, DeepCopiesTheOwnedMembers) {
+    WanSource source;
+    const KEL_UINT64 before = liveHeapBlocks();
+    VESK_Transport_UDP_Property_t copy{};
+    ASSERT_EQ(VESK_Transport_UDP_Property_copy(&copy, &source.record), 1);
+    // allow list (array + 2), prefix, public address, port list.
+    EXPECT_EQ(liveHeapBlocks(), before + 6);
+    EXPECT_STREQ(copy.public_address, "203.0.113.5");
+    EXPECT_NE(copy.public_address, source.address);
+    ASSERT_NE(copy.comm_ports_list, nullptr);
+    EXPECT_NE(copy.comm_ports_list, source.ports);
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(copy.comm_ports_list),
+                 "struct VESK_Transport_UDP_WAN_CommPortsMappingInfo");
+    EXPECT_EQ(copy.comm_ports_list_length, 2);
+    EXPECT_EQ(copy.comm_ports_list[1].rtps_port, 7410u);
+    EXPECT_EQ(copy.comm_ports_list[1].host_port, 7411);
+    EXPECT_EQ(copy.comm_ports_list[1].public_port, 17411);
+    EXPECT_EQ(copy.comm_ports_list[0].ref_count, 1);
+    EXPECT_EQ(copy.wan_listener, &source.listener);  // borrowed, not copied
+    EXPECT_STREQ(copy.parent.allow_interfaces_list[1], "eth0*");
+    EXPECT_STREQ(copy.parent.thread_name_prefix, "wan01");
+    EXPECT_EQ(copy.port_offset, 125);
+    EXPECT_EQ(copy.binding_ping_period, 1000u);
+
+    VESK_Transport_UDP_Property_finalize(&copy);
+    EXPECT_EQ(copy.public_address, nullptr);
+    EXPECT_EQ(copy.comm_ports_list, nullptr);
+    EXPECT_EQ(copy.comm_ports_list_length, 0);
+    EXPECT_EQ(copy.parent.allow_interfaces_list, nullptr);
+    EXPECT_EQ(liveHeapBlocks(), before);
+    VESK_Transport_UDP_Property_finalize(nullptr);
+}
+
+TEST(UdpPropertyCopy, RefusesAPortListThatIsNotThere) {
+    WanSource source;
+    source.record.comm_ports_list = nullptr;
+    const KEL_UINT64 before = liveHeapBlocks();
+    VESK_Transport_UDP_Property_t copy{};
+    EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, &source.record), 0);
+    EXPECT_EQ(liveHeapBlocks(), before);
+    EXPECT_EQ(copy.public_address, nullptr);
+    EXPECT_EQ(copy.parent.allow_interfaces_list, nullptr);
+    EXPECT_EQ(copy.parent.thread_name_prefix, nullptr);
+    EXPECT_EQ(VESK_Transport_UDP_Property_copy(nullptr, &source.record), 0);
+    EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, nullptr), 0);
+}
+
+TEST(UdpPropertyCopy, EveryAllocationFailureLeavesNothing) {
+    WanSource source;
+    int failures = 0;
+    for (long n = 1; n < 100; ++n) {
+        SCOPED_TRACE("failing allocation " + std::to_string(n));
+        const KEL_UINT64 before = liveHeapBlocks();
+        VESK_Transport_UDP_Property_t copy{};
+        KELOsapiHeap_failAllocationAfter(n);
+        const int result = VESK_Transport_UDP_Property_copy(&copy, &source.record);
+        const bool pending = KELOsapiHeap_isFailurePending() != 0;
+        KELOsapiHeap_failAllocationAfter(0);
+        if (result == 1) {
+            EXPECT_TRUE(pending);
+            VESK_Transport_UDP_Property_finalize(&copy);
+            break;
+        }
+        ++failures;
+        EXPECT_EQ(liveHeapBlocks(), before);
+        EXPECT_EQ(copy.public_address, nullptr);
+        EXPECT_EQ(copy.comm_ports_list, nullptr);
+        EXPECT_EQ(copy.comm_ports_list_length, 0);
+        EXPECT_EQ(copy.parent.allow_interfaces_list, nullptr);
+        EXPECT_EQ(copy.parent.thread_name_prefix, nullptr);
+    }
+    EXPECT_EQ(failures, 6);
+}
+
+// ---------------------------------------------------------------------
+// Constructors
+
+TEST(UdpConstructor, EachClassBuildsFromItsDefaults) {
+    struct Row {
+        Kind kind;
+        const char *name;
+        int multicast;
+    };
+    const std::vector<Row> rows = {
+        {Kind::V4, "UDPv4", 1}, {Kind::WAN, "UDPv4_WAN", 0}, {Kind::V6, "UDPv6", 1}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const VESK_Transport_UDP_Property_t property = defaults(row.kind);
+        VESK_Transport_Address_t address;
+        std::memset(&address, 0xAB, sizeof address);
+        PluginPtr plugin(classOf(row.kind).create(&property, &address, nullptr));
+        ASSERT_NE(plugin, nullptr);
+        EXPECT_TRUE(sameAddress(address, VESK_Transport_Address_t{}));
+        EXPECT_STREQ(plugin->get_class_name_cEA(plugin.get()), row.name);
+        EXPECT_EQ(VESK_Transport_UDP_isUdpPlugin(plugin.get()), 1);
+        EXPECT_EQ(plugin->multicastInterfaceEnabled, row.multicast);
+        ASSERT_NE(plugin->property, nullptr);
+        EXPECT_NE(plugin->property, &property.parent);
+        EXPECT_EQ(plugin->property->classid, property.parent.classid);
+        EXPECT_EQ(udpRecord(plugin.get()).protocol_overhead_max, property.protocol_overhead_max);
+        EXPECT_EQ(udpRecord(plugin.get()).port_offset, property.port_offset);
+    }
+}
+
+TEST(UdpConstructor, KeepsItsOwnCopyOfTheRecord) {
+    WanSource source;
+    PluginPtr plugin = make(Kind::WAN, source.record);
+    ASSERT_NE(plugin, nullptr);
+    const VESK_Transport_UDP_Property_t &kept = udpRecord(plugin.get());
+    // The caller may release its record right away.
+    std::strcpy(source.address, "garbage");
+    source.ports[0].rtps_port = 1;
+    std::strcpy(source.lo, "xx");
+    EXPECT_STREQ(kept.public_address, "203.0.113.5");
+    EXPECT_EQ(kept.comm_ports_list[0].rtps_port, 7400u);
+    EXPECT_STREQ(kept.parent.allow_interfaces_list[0], "lo");
+    EXPECT_STREQ(kept.parent.thread_name_prefix, "wan01");
+}
+
+TEST(UdpConstructor, RefusesRecordsItCannotRunWith) {
+    using Change = std::function<void(VESK_Transport_UDP_Property_t &)>;
+    struct Row {
+        Kind kind;
+        Change change;
+        const char *message;
+    };
+    char *noList = nullptr;
+    char longPrefix[] = "nine_char";
+    const std::vector<Row> rows = {
+        {Kind::V4, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6; },
+         "UDPv4 transport: parent.classid is not 1 (UDPv4)"},
+        {Kind::WAN, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
+         "UDPv4_WAN transport: parent.classid is not 0x01000001 (UDPv4_WAN)"},
+        {Kind::V6, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
+         "UDPv6 transport: parent.classid is not 2 or 5 (UDPv6)"},
+        {Kind::V4, [](auto &p) { p.parent.message_size_max = 0; },
+         "UDPv4 transport: parent.message_size_max is below 1"},
+        {Kind::V4, [](auto &p) { p.parent.gather_send_buffer_count_max = 0; },
+         "UDPv4 transport: parent.gather_send_buffer_count_max is below 1"},
+        {Kind::V4, [](auto &p) { p.parent.allow_interfaces_list_length = -1; },
+         "UDPv4 transport: parent.allow_interfaces_list_length is negative"},
+        {Kind::V4, [](auto &p) { p.parent.deny_interfaces_list_length = 1; },
+         "UDPv4 transport: parent.deny_interfaces_list is NULL with a positive length"},
+        {Kind::V6,
+         [&](auto &p) {
+             p.parent.allow_multicast_interfaces_list = &noList;
+             p.parent.allow_multicast_interfaces_list_length = -3;
+         },
+         "UDPv6 transport: parent.allow_multicast_interfaces_list_length is negative"},
+        {Kind::V4, [](auto &p) { p.parent.deny_multicast_interfaces_list_length = 2; },
+         "UDPv4 transport: parent.deny_multicast_interfaces_list is NULL with a positive length"},
+        {Kind::V4, [&](auto &p) { p.parent.thread_name_prefix = longPrefix; },
+         "UDPv4 transport: parent.thread_name_prefix is longer than 8 characters"},
+        {Kind::V4, [](auto &p) { p.protocol_overhead_max = -1; },
+         "UDPv4 transport: protocol_overhead_max is negative"},
+        {Kind::V4, [](auto &p) { p.parent.message_size_max = 65508; },
+         "UDPv4 transport: parent.message_size_max + protocol_overhead_max exceeds 65535"},
+        {Kind::V6, [](auto &p) { p.protocol_overhead_max = 49; },
+         "UDPv6 transport: parent.message_size_max + protocol_overhead_max exceeds 65535"},
+        {Kind::V4, [](auto &p) { p.parent.address_bit_count = -96; },
+         "UDPv4 transport: parent.address_bit_count is outside 0..128"},
+        {Kind::V6, [](auto &p) { p.parent.address_bit_count = 129; },
+         "UDPv6 transport: parent.address_bit_count is outside 0..128"},
+        {Kind::V4, [](auto &p) { p.send_socket_buffer_size = -3; },
+         "UDPv4 transport: send_socket_buffer_size is below -2"},
+        {Kind::WAN, [](auto &p) { p.recv_socket_buffer_size = -3; },
+         "UDPv4_WAN transport: recv_socket_buffer_size is below -2"},
+        {Kind::V4, [](auto &p) { p.multicast_ttl = 256; },
+         "UDPv4 transport: multicast_ttl is outside 0..255"},
+        {Kind::V4, [](auto &p) { p.multicast_ttl = -1; },
+         "UDPv4 transport: multicast_ttl is outside 0..255"},
+        {Kind::V4,
+         [](auto &p) {
+             p.transport_priority_mapping_low = 10;
+             p.transport_priority_mapping_high = 9;
+         },
+         "UDPv4 transport: transport_priority_mapping_low is above "
+         "transport_priority_mapping_high"},
+        {Kind::WAN, [](auto &p) { p.comm_ports_list_length = -1; },
+         "UDPv4_WAN transport: comm_ports_list_length is negative"},
+        {Kind::WAN, [](auto &p) { p.comm_ports_list_length = 1; },
+         "UDPv4_WAN transport: comm_ports_list is NULL with a positive length"},
+        {Kind::WAN, [](auto &p) { p.port_offset = -1; },
+         "UDPv4_WAN transport: port_offset is negative"},
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Row &row = rows[i];
+        SCOPED_TRACE("row " + std::to_string(i) + ": " + row.message);
+        VESK_Transport_UDP_Property_t property = defaults(row.kind);
+        row.change(property);
+        LogCapture log;
+        const KEL_UINT64 before = liveHeapBlocks();
+        VESK_Transport_Address_t address = ipv4(1, 2, 3, 4);
+        EXPECT_EQ(classOf(row.kind).create(&property, &address, nullptr), nullptr);
+        EXPECT_EQ(liveHeapBlocks(), before);
+        EXPECT_TRUE(sameAddress(address, ipv4(1, 2, 3, 4)));  // untouched on refusal
+        const auto entries = log.entries();
+        ASSERT_EQ(entries.size(), 1u);
+        EXPECT_EQ(entries[0].template_name, "KEL_LOG_CREATION_FAILURE_s");
+        EXPECT_EQ(entries[0].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
+        EXPECT_EQ(entries[0].function, classOf(row.kind).function);
+        ASSERT_EQ(entries[0].params.size(), 1u);
+        EXPECT_EQ(entries[0].params[0], row.message);
+    }
+}
+
+TEST(UdpConstructor, RefusesNullRecordAndReserved) {
+    LogCapture log;
+    const VESK_Transport_UDP_Property_t property = defaults(Kind::V4);
+    int reserved = 0;
+    EXPECT_EQ(VESK_Transport_UDPv4_newI(nullptr, nullptr, nullptr), nullptr);
+    EXPECT_EQ(VESK_Transport_UDPv4_newI(&property, nullptr, &reserved), nullptr);
+    EXPECT_EQ(log.summary(),
+              (std::vector<std::string>{
+                  "KEL_LOG_CREATION_FAILURE_s(UDPv4 transport: property_in is NULL)",
+                  "KEL_LOG_CREATION_FAILURE_s(UDPv4 transport: reserved is not NULL)"}));
+}
+
+TEST(UdpConstructor, RefusalIsSilentWhenErrorsAreNotLogged) {
+    LogCapture log(VESK_CONFIG_LOG_VERBOSITY_SILENT);
+    VESK_Transport_UDP_Property_t property = defaults(Kind::V4);
+    property.multicast_ttl = 300;
+    EXPECT_EQ(VESK_Transport_UDPv4_newI(&property, nullptr, nullptr), nullptr);
+    EXPECT_TRUE(log.entries().empty());
+}
+
+TEST(UdpConstructor, AcceptsTheLimitsOfEachRule) {
+    using Change = std::function<void(VESK_Transport_UDP_Property_t &)>;
+    struct Row {
+        Kind kind;
+        const char *what;
+        Change change;
+    };
+    char eightChars[] = "12345678";
+    // clang-format off
+    const std::vector<Row> rows = {
+        {Kind::V4, "largest UDPv4 message", [](auto &p) { p.parent.message_size_max = 65507; }},
+        {Kind::V4, "no overhead", [](auto &p) { p.protocol_overhead_max = 0; p.parent.message_size_max = 65535; }},
+        {Kind::V4, "one-byte messages, one buffer", [](auto &p) { p.parent.message_size_max = p.parent.gather_send_buffer_count_max = 1; }},
+        {Kind::V4, "OS maximum buffers", [](auto &p) { p.send_socket_buffer_size = p.recv_socket_buffer_size = -2; }},
+        {Kind::V4, "ttl 0", [](auto &p) { p.multicast_ttl = 0; }},
+        {Kind::V4, "ttl 255", [](auto &p) { p.multicast_ttl = 255; }},
+        {Kind::V4, "0 address bits", [](auto &p) { p.parent.address_bit_count = 0; }},
+        {Kind::V4, "one priority", [](auto &p) { p.transport_priority_mapping_low = p.transport_priority_mapping_high = 7; }},
+        {Kind::V4, "8-character prefix", [&](auto &p) { p.parent.thread_name_prefix = eightChars; }},
+        {Kind::V6, "second UDPv6 class id", [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6_510; }},
+        {Kind::WAN, "port offset 0", [](auto &p) { p.port_offset = 0; }},
+        {Kind::V4, "negative port offset outside WAN", [](auto &p) { p.port_offset = -1; }},
+    };
+    // clang-format on
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        VESK_Transport_UDP_Property_t property = defaults(row.kind);
+        row.change(property);
+        LogCapture log;
+        PluginPtr plugin = make(row.kind, property);
+        EXPECT_NE(plugin, nullptr);
+        EXPECT_TRUE(log.entries().empty());
+    }
+}
+
+// Each allocation of a construction fails in turn: NULL, one message,
+// nothing left allocated; then the construction succeeds.
+TEST(UdpConstructor, EveryAllocationFailureLeavesNothing) {
+    WanSource source;
+    source.record.parent.allow_interfaces_list_length = 1;  // "lo": one interface array
+    source.record.ignore_loopback_interface = 0;
+    int failures = 0;
+    for (long n = 1; n < 100; ++n) {
+        SCOPED_TRACE("failing allocation " + std::to_string(n));
+        LogCapture log;
+        const KEL_UINT64 before = liveHeapBlocks();
+        KELOsapiHeap_failAllocationAfter(n);
+        VESK_Transport_Plugin *plugin =
+            VESK_Transport_UDPv4_WAN_newI(&source.record, nullptr, nullptr);
+        const bool pending = KELOsapiHeap_isFailurePending() != 0;
+        KELOsapiHeap_failAllocationAfter(0);
+        if (plugin != nullptr) {
+            EXPECT_TRUE(pending);
+            EXPECT_TRUE(log.entries().empty());
+            plugin->delete_cEA(plugin, nullptr);
+            break;
+        }
+        ++failures;
+        EXPECT_EQ(liveHeapBlocks(), before);
+        EXPECT_EQ(log.summary(), (std::vector<std::string>{
+                                     "KEL_LOG_ANY_FAILURE_s(UDPv4_WAN transport: out of memory)"}));
+    }
+    // The plugin, the record copy (array + 1 string, prefix, public address,
+    // port list) and the interface array.
+    EXPECT_EQ(failures, 7);
+}
+
+// ---------------------------------------------------------------------
+// Plugin operations
+
+TEST(UdpPlugin, StringToAddress) {
+    struct Row {
+        Kind kind;
+        int v4mapped;
+        const char *text;
+        int ok;
+        std::vector<unsigned char> bytes;  // the 16 bytes when ok
+    };
+    const std::vector<unsigned char> v4 = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 192, 0, 2, 1};
+    const std::vector<unsigned char> mapped = {0, 0, 0,    0,    0,   0, 0, 0,
+                                               0, 0, 0xff, 0xff, 192, 0, 2, 1};
+    const std::vector<unsigned char> v6 = {0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
+    const std::vector<Row> rows = {
+        {Kind::V4, 0, "192.0.2.1", 1, v4},     {Kind::WAN, 0, "192.0.2.1", 1, v4},
+        {Kind::V4, 0, "fd00::2", 0, {}},       {Kind::V4, 0, "192.0.2.256", 0, {}},
+        {Kind::V4, 0, "192.0.2", 0, {}},       {Kind::V4, 0, "", 0, {}},
+        {Kind::V6, 0, "fd00::2", 1, v6},       {Kind::V6, 0, "192.0.2.1", 0, {}},
+        {Kind::V6, 1, "192.0.2.1", 1, mapped}, {Kind::V6, 0, "fd00::g", 0, {}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.text);
+        VESK_Transport_UDP_Property_t property = defaults(row.kind);
+        property.enable_v4mapped = row.v4mapped;
+        PluginPtr plugin = make(row.kind, property);
+        ASSERT_NE(plugin, nullptr);
+        VESK_Transport_Address_t address;
+        std::memset(&address, 0x77, sizeof address);
+        EXPECT_EQ(plugin->string_to_address_cEA(plugin.get(), &address, row.text), row.ok);
+        if (row.ok) {
+            EXPECT_EQ(std::vector<unsigned char>(address.network_ordered_value,
+                                                 address.network_ordered_value + 16),
+                      row.bytes);
+        }
+    }
+}
+
+TEST(UdpPlugin, AddressAndPortOperations) {
+    PluginPtr plugin = make(Kind::V4, defaults(Kind::V4));
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *self = plugin.get();
+    const VESK_Transport_Address_t a = ipv4(192, 0, 2, 1);
+    const VESK_Transport_Address_t b = ipv4(192, 0, 2, 2);
+    EXPECT_EQ(self->are_addresses_equivalent(self, &a, &a), 1);
+    EXPECT_EQ(self->are_addresses_equivalent(self, &a, &b), 0);
+    EXPECT_EQ(self->are_addresses_equivalent(self, &a, nullptr), 0);
+    VESK_Transport_Address_t peer{};
+    EXPECT_EQ(self->get_equivalent_initial_peer_address(self, &peer, &b), 1);
+    EXPECT_TRUE(sameAddress(peer, b));
+
+    struct PortRow {
+        VESK_Transport_Port_t port;
+        int valid;
+    };
+    for (const PortRow &row : std::vector<PortRow>{
+             {0, 0}, {1, 1}, {7400, 1}, {65535, 1}, {65536, 0}, {0xFFFFFFFFu, 0}}) {
+        SCOPED_TRACE(row.port);
+        EXPECT_EQ(self->is_valid_entry_port(self, row.port), row.valid);
+    }
+
+    // Without sockets no resource can be made; nothing is touched.
+    VESK_Transport_SendResource_t send = nullptr;
+    EXPECT_EQ(self->create_sendresource_srEA(self, &send, &a, 7400, 0), 0);
+    EXPECT_EQ(send, nullptr);
+}
+
+TEST(UdpPlugin, IsUdpPluginRecognisesOnlyItsOwn) {
+    VESK_Transport_Property_t property{};
+    property.classid = VESK_TRANSPORT_CLASSID_UDPv4;  // a foreign plugin of the UDPv4 class
+    VESK_Transport_Plugin foreign{};
+    foreign.property = &property;
+    EXPECT_EQ(VESK_Transport_UDP_isUdpPlugin(&foreign), 0);
+    EXPECT_EQ(VESK_Transport_UDP_isUdpPlugin(nullptr), 0);
+    VESK_Transport_UDP_Statistics statistics{};
+    EXPECT_EQ(VESK_Transport_UDP_get_statistics(&foreign, &statistics), 0);
+    EXPECT_EQ(VESK_Transport_UDP_count_traffic(&foreign, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+                                               VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 1),
+              0);
+    const VESK_Transport_Address_t fake = ipv4(10, 0, 0, 1);
+    EXPECT_EQ(VESK_Transport_UDP_assert_fake_ip_address(&foreign, &fake), 0);
+    EXPECT_EQ(VESK_Transport_UDP_change_interface_status(&foreign, "lo", 0), 0);
+    EXPECT_EQ(VESK_Transport_UDP_get_interfaces(&foreign, nullptr, 0), 0);
+    EXPECT_EQ(VESK_Transport_UDP_change_binding_ping_generation(&foreign, 1), 0);
+}
+
+// ---------------------------------------------------------------------
+// Interfaces
+
+// A UDPv4 plugin that uses only the loopback interface ("lo", 127.0.0.1,
+// present on every Linux host).
+PluginPtr loopbackPlugin(int ignore_loopback = 0) {
+    char lo[] = "lo";
+    char *allow[] = {lo};
+    VESK_Transport_UDP_Property_t property = defaults(Kind::V4);
+    property.parent.allow_interfaces_list = allow;
+    property.parent.allow_interfaces_list_length = 1;
+    property.ignore_loopback_interface = ignore_loopback;
+    return make(Kind::V4, property);
+}
+
+TEST(UdpInterfaces, LoopbackOnlyWhenAllowedAndKept) {
+    PluginPtr plugin = loopbackPlugin();
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_UDP_InterfaceInfo info[4]{};
+    ASSERT_EQ(VESK_Transport_UDP_get_interfaces(plugin.get(), info, 4), 1);
+    EXPECT_STREQ(info[0].name, "lo");
+    EXPECT_TRUE(sameAddress(info[0].address, ipv4(127, 0, 0, 1)));
+    EXPECT_EQ(info[0].is_up, 1);
+    EXPECT_EQ(info[0].is_forced, 0);
+
+    // Ignoring loopback leaves nothing.
+    PluginPtr none = loopbackPlugin(1);
+    ASSERT_NE(none, nullptr);
+    EXPECT_EQ(VESK_Transport_UDP_get_interfaces(none.get(), info, 4), 0);
+    int more = -1;
+    int reported = -1;
+    VESK_Transport_Interface_t array[2]{};
+    EXPECT_EQ(none->get_receive_interfaces_cEA(none.get(), &more, &reported, array, 2), 1);
+    EXPECT_EQ(reported, 0);
+    EXPECT_EQ(more, 0);
+}
+
+TEST(UdpInterfaces, ForcedStatusShowsInReceiveInterfaces) {
+    PluginPtr plugin = loopbackPlugin();
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *self = plugin.get();
+
+    EXPECT_EQ(VESK_Transport_UDP_change_interface_status(self, "eth-none", 0), 0);
+    EXPECT_EQ(VESK_Transport_UDP_change_interface_status(self, nullptr, 0), 0);
+    EXPECT_EQ(VESK_Transport_UDP_change_interface_status(self, "lo", 0), 1);
+    VESK_Transport_UDP_InterfaceInfo info{};
+    ASSERT_EQ(VESK_Transport_UDP_get_interfaces(self, &info, 1), 1);
+    EXPECT_EQ(info.is_up, 0);
+    EXPECT_EQ(info.is_forced, 1);
+
+    VESK_Transport_Interface_t array[2]{};
+    int more = -1;
+    int reported = -1;
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, array, 2), 1);
+    ASSERT_EQ(reported, 1);
+    EXPECT_EQ(more, 0);
+    EXPECT_EQ(array[0].transport_classid, VESK_TRANSPORT_CLASSID_UDPv4);
+    EXPECT_TRUE(sameAddress(array[0].address, ipv4(127, 0, 0, 1)));
+    EXPECT_EQ(array[0].status, 0u);
+
+    EXPECT_EQ(VESK_Transport_UDP_change_interface_status(self, "lo", 2), 1);  // any non-zero is up
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, array, 2), 1);
+    EXPECT_EQ(array[0].status, 1u);
+    // No room: nothing reported, more found.
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, nullptr, 0), 1);
+    EXPECT_EQ(reported, 0);
+    EXPECT_EQ(more, 1);
+    EXPECT_EQ(self->get_receive_interfaces_cEA(self, nullptr, &reported, array, 2), 0);
+    EXPECT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, nullptr, 2), 0);
+}
+
+TEST(UdpInterfaces, FakeAddressReplacesTheRealOnes) {
+    PluginPtr plugin = loopbackPlugin();
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *self = plugin.get();
+
+    VESK_Transport_Address_t got = ipv4(9, 9, 9, 9);
+    EXPECT_EQ(VESK_Transport_UDP_get_fake_ip_address(self, &got), 0);
+    EXPECT_TRUE(sameAddress(got, ipv4(9, 9, 9, 9)));
+    const VESK_Transport_Address_t fake = ipv4(198, 51, 100, 7);
+    EXPECT_EQ(VESK_Transport_UDP_assert_fake_ip_address(self, nullptr), 0);
+    ASSERT_EQ(VESK_Transport_UDP_assert_fake_ip_address(self, &fake), 1);
+    ASSERT_EQ(VESK_Transport_UDP_get_fake_ip_address(self, &got), 1);
+    EXPECT_TRUE(sameAddress(got, fake));
+
+    VESK_Transport_Interface_t array[3]{};
+    int more = -1;
+    int reported = -1;
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, array, 3), 1);
+    ASSERT_EQ(reported, 1);
+    EXPECT_EQ(more, 0);
+    EXPECT_TRUE(sameAddress(array[0].address, fake));
+    EXPECT_EQ(array[0].status, 1u);
+
+    EXPECT_EQ(VESK_Transport_UDP_remove_fake_ip_address(self), 1);
+    EXPECT_EQ(VESK_Transport_UDP_remove_fake_ip_address(self), 1);  // nothing left: still fine
+    EXPECT_EQ(VESK_Transport_UDP_get_fake_ip_address(self, &got), 0);
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, array, 3), 1);
+    ASSERT_EQ(reported, 1);
+    EXPECT_TRUE(sameAddress(array[0].address, ipv4(127, 0, 0, 1)));
+}
+
+// The selection rules on a fixed list of interfaces.
+TEST(UdpInterfaces, SelectionRules) {
+    using vesk::udp::InterfaceCandidate;
+    auto v4 = [](const char *name, unsigned char a, unsigned char b, unsigned char c,
+                 unsigned char d, unsigned int flags) {
+        InterfaceCandidate out;
+        out.name = name;
+        out.family = AF_INET;
+        out.address = ipv4(a, b, c, d);
+        out.flags = flags;
+        return out;
+    };
+    auto v6 = [](const char *name, unsigned char first, unsigned char last, unsigned int flags) {
+        InterfaceCandidate out;
+        out.name = name;
+        out.family = AF_INET6;
+        out.address.network_ordered_value[0] = first;
+        out.address.network_ordered_value[15] = last;
+        out.flags = flags;
+        return out;
+    };
+    const unsigned int live = IFF_UP | IFF_RUNNING;
+    const std::vector<InterfaceCandidate> host = {
+        v4("lo", 127, 0, 0, 1, live | IFF_LOOPBACK),
+        v4("eth0", 192, 0, 2, 2, live),
+        v4("eth1", 198, 51, 100, 7, IFF_UP),  // up, not running
+        v4("wlan0", 203, 0, 113, 9, 0),       // down
+        v6("lo", 0, 1, live | IFF_LOOPBACK),  // ::1
+        v6("eth0", 0xfd, 2, live),            // fd00::2
+    };
+    struct Row {
+        const char *what;
+        bool ipv6;
+        int loopback;  // ignore_loopback_interface
+        int nonup;     // ignore_nonup_interfaces
+        int nonrunning;
+        int v4mapped;
+        const char *allow;  // one entry, or nullptr
+        const char *deny;
+        int max;
+        std::vector<std::string> expected;  // "name address"
+    };
+    // clang-format off
+    const std::vector<Row> rows = {
+        {"defaults: automatic loopback dropped", false, -1, 1, 1, 0, nullptr, nullptr, -1, {"eth0 192.0.2.2"}},
+        {"loopback kept", false, 0, 1, 1, 0, nullptr, nullptr, -1, {"lo 127.0.0.1", "eth0 192.0.2.2"}},
+        {"non-running kept", false, -1, 1, 0, 0, nullptr, nullptr, -1, {"eth0 192.0.2.2", "eth1 198.51.100.7"}},
+        {"non-up kept", false, -1, 0, 0, 0, nullptr, nullptr, -1, {"eth0 192.0.2.2", "eth1 198.51.100.7", "wlan0 203.0.113.9"}},
+        {"allow by name", false, -1, 1, 0, 0, "eth1", nullptr, -1, {"eth1 198.51.100.7"}},
+        {"allow by address prefix", false, -1, 1, 0, 0, "192.0.2.*", nullptr, -1, {"eth0 192.0.2.2"}},
+        {"allow wildcard, deny one", false, -1, 1, 0, 0, "eth*", "eth0", -1, {"eth1 198.51.100.7"}},
+        {"deny by address", false, 0, 1, 1, 0, nullptr, "127.0.0.1", -1, {"eth0 192.0.2.2"}},
+        {"automatic loopback kept alone", false, -1, 1, 1, 0, "lo", nullptr, -1, {"lo 127.0.0.1"}},
+        {"loopback ignored even alone", false, 1, 1, 1, 0, "lo", nullptr, -1, {}},
+        {"max one", false, -1, 1, 0, 0, nullptr, nullptr, 1, {"eth0 192.0.2.2"}},
+        {"max zero", false, -1, 1, 1, 0, nullptr, nullptr, 0, {}},
+        {"UDPv6", true, -1, 1, 1, 0, nullptr, nullptr, -1, {"eth0 fd00::2"}},
+        {"UDPv6 loopback kept", true, 0, 1, 1, 0, nullptr, nullptr, -1, {"lo ::1", "eth0 fd00::2"}},
+        {"UDPv6 with mapped IPv4", true, -1, 1, 1, 1, nullptr, nullptr, -1, {"eth0 192.0.2.2", "eth0 fd00::2"}},
+        {"UDPv6 allow by address", true, -1, 1, 1, 0, "fd00::2", nullptr, -1, {"eth0 fd00::2"}},
+        {"UDPv6 deny loopback by name", true, 0, 1, 1, 0, nullptr, "lo", -1, {"eth0 fd00::2"}},
+    };
+    // clang-format on
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        VESK_Transport_UDP_Property_t property = defaults(row.ipv6 ? Kind::V6 : Kind::V4);
+        property.ignore_loopback_interface = row.loopback;
+        property.ignore_nonup_interfaces = row.nonup;
+        property.ignore_nonrunning_interfaces = row.nonrunning;
+        property.enable_v4mapped = row.v4mapped;
+        property.parent.max_interface_count = row.max;
+        std::string allow = row.allow ? row.allow : "";
+        std::string deny = row.deny ? row.deny : "";
+        char *allowList[] = {allow.data()};
+        char *denyList[] = {deny.data()};
+        property.parent.allow_interfaces_list = allowList;
+        property.parent.allow_interfaces_list_length = row.allow ? 1 : 0;
+        property.parent.deny_interfaces_list = denyList;
+        property.parent.deny_interfaces_list_length = row.deny ? 1 : 0;
+        std::vector<std::string> got;
+        for (const auto &chosen : vesk::udp::selectInterfaces(host, property, row.ipv6)) {
+            got.push_back(chosen.name + " " + vesk::udp::addressText(chosen));
+        }
+        EXPECT_EQ(got, row.expected);
+    }
+
+    // A mapped IPv4 address is ::ffff:a.b.c.d.
+    VESK_Transport_UDP_Property_t property = defaults(Kind::V6);
+    property.enable_v4mapped = 1;
+    const auto chosen = vesk::udp::selectInterfaces(host, property, true);
+    ASSERT_FALSE(chosen.empty());
+    VESK_Transport_Address_t mapped = ipv4(192, 0, 2, 2);
+    mapped.network_ordered_value[10] = mapped.network_ordered_value[11] = 0xff;
+    EXPECT_TRUE(sameAddress(chosen[0].address, mapped));
+}
+
+TEST(UdpInterfaces, EntryMatching) {
+    struct Row {
+        const char *entry;
+        bool matches;
+    };
+    const std::vector<Row> rows = {
+        {"eth0", true},     {"eth", false},      {"eth*", true},    {"*", true},
+        {"10.1.2.3", true}, {"10.1.*", true},    {"10.1.2", false}, {"ETH0", false},
+        {"eth0 ", false},   {"10.1.2.3*", true}, {"", false},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.entry);
+        EXPECT_EQ(vesk::udp::matchesInterfaceEntry(row.entry, "eth0", "10.1.2.3"), row.matches);
+    }
+    EXPECT_FALSE(vesk::udp::matchesInterfaceEntry(nullptr, "eth0", "10.1.2.3"));
+}
+
+// ---------------------------------------------------------------------
+// Statistics
+
+using Field = KEL_UINT64 VESK_Transport_UDP_Statistics::*;
+using S = VESK_Transport_UDP_Statistics;
+
+TEST(UdpStatistics, InitializeZeroesEverything) {
+    S statistics;
+    std::memset(&statistics, 0xFF, sizeof statistics);
+    VESK_Transport_UDP_Statistics_initialize(&statistics);
+    const S zero{};
+    EXPECT_EQ(std::memcmp(&statistics, &zero, sizeof zero), 0);
+    VESK_Transport_UDP_Statistics_initialize(nullptr);
+}
+
+TEST(UdpStatistics, EachKindCountsIntoItsFields) {
+    struct Row {
+        VESK_Transport_UDP_TrafficKind kind;
+        VESK_Transport_UDP_TrafficDirection direction;
+        std::vector<Field> bytes;    // receive 300
+        std::vector<Field> packets;  // receive 3
+    };
+    const auto sent = VESK_TRANSPORT_UDP_TRAFFIC_SENT;
+    const auto received = VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED;
+    // clang-format off
+    const std::vector<Row> rows = {
+        {VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA, sent, {&S::user_bytes_sent}, {&S::user_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA, received, {&S::user_bytes_received}, {&S::user_packets_received}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_DISCOVERY, sent, {&S::discovery_bytes_sent}, {&S::discovery_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_PARTICIPANT_DISCOVERY, received, {&S::participant_discovery_bytes_received}, {&S::participant_discovery_packets_received}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_PARTICIPANT_CONFIG, sent, {&S::participant_config_bytes_sent}, {&S::participant_config_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS, sent,
+         {&S::automatic_liveliness_bytes_sent, &S::_liveliness_bytes_sent}, {&S::automatic_liveliness_packets_sent, &S::_liveliness_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS, received,
+         {&S::automatic_liveliness_bytes_received, &S::_liveliness_bytes_received}, {&S::automatic_liveliness_packets_received, &S::_liveliness_packets_received}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_MANUAL_LIVELINESS, received, {&S::manual_liveliness_bytes_received}, {&S::manual_liveliness_packets_received}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_SECURE_LIVELINESS, sent, {&S::_liveliness_bytes_sent}, {&S::_liveliness_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_ENDPOINT_DISCOVERY, sent, {&S::endpoint_discovery_bytes_sent}, {&S::endpoint_discovery_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_OVERHEAD, received, {&S::overhead_bytes_received}, {&S::overhead_packets_received}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_BINDING_PING, sent, {&S::binding_ping_bytes_sent}, {&S::binding_ping_packets_sent}},
+        {VESK_TRANSPORT_UDP_TRAFFIC_BINDING_PING, received, {&S::binding_ping_bytes_received}, {&S::binding_ping_packets_received}},
+    };
+    // clang-format on
+    for (size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i));
+        const Row &row = rows[i];
+        PluginPtr plugin = make(Kind::WAN, defaults(Kind::WAN));
+        ASSERT_NE(plugin, nullptr);
+        ASSERT_EQ(VESK_Transport_UDP_count_traffic(plugin.get(), row.kind, row.direction, 1, 100),
+                  1);
+        ASSERT_EQ(VESK_Transport_UDP_count_traffic(plugin.get(), row.kind, row.direction, 2, 200),
+                  1);
+        S expected{};
+        for (Field field : row.bytes) expected.*field = 300;
+        for (Field field : row.packets) expected.*field = 3;
+        S got;
+        std::memset(&got, 0xEE, sizeof got);
+        ASSERT_EQ(VESK_Transport_UDP_get_statistics(plugin.get(), &got), 1);
+        EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0);
+    }
+}
+
+TEST(UdpStatistics, PrioritiesEventsAndBadArguments) {
+    PluginPtr plugin = make(Kind::V4, defaults(Kind::V4));
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *self = plugin.get();
+    EXPECT_EQ(VESK_Transport_UDP_count_received_priority(self, 0), 1);
+    EXPECT_EQ(VESK_Transport_UDP_count_received_priority(self, 255), 1);
+    EXPECT_EQ(VESK_Transport_UDP_count_received_priority(self, 255), 1);
+    EXPECT_EQ(VESK_Transport_UDP_count_binding_ping_event(self), 1);
+    EXPECT_EQ(
+        VESK_Transport_UDP_count_traffic(self, static_cast<VESK_Transport_UDP_TrafficKind>(10),
+                                         VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 1),
+        0);
+    EXPECT_EQ(
+        VESK_Transport_UDP_count_traffic(self, static_cast<VESK_Transport_UDP_TrafficKind>(-1),
+                                         VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 1),
+        0);
+    EXPECT_EQ(
+        VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+                                         static_cast<VESK_Transport_UDP_TrafficDirection>(2), 1, 1),
+        0);
+    EXPECT_EQ(VESK_Transport_UDP_count_traffic(nullptr, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+                                               VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 1),
+              0);
+    EXPECT_EQ(VESK_Transport_UDP_count_received_priority(nullptr, 1), 0);
+    EXPECT_EQ(VESK_Transport_UDP_count_binding_ping_event(nullptr), 0);
+    EXPECT_EQ(VESK_Transport_UDP_get_statistics(self, nullptr), 0);
+
+    S expected{};
+    expected.received_priority_count[0] = 1;
+    expected.received_priority_count[255] = 2;
+    expected.binding_ping_event_count = 1;
+    S got;
+    ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &got), 1);
+    EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0);
+}
+
+// One thread counts while another takes snapshots: no snapshot holds part
+// of a count operation, and no counter goes back.
+TEST(UdpStatistics, SnapshotsAreConsistentWhileCounting) {
+    PluginPtr plugin = make(Kind::V4, defaults(Kind::V4));
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *self = plugin.get();
+    constexpr int kRounds = 100000;
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+                                             VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 100);
+            VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
+                                             VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 1, 40);
+            VESK_Transport_UDP_count_received_priority(self, static_cast<unsigned char>(i));
+        }
+        done.store(true);
+    });
+    S previous{};
+    long snapshots = 0;
+    long inconsistent = 0;
+    long backwards = 0;
+    while (!done.load() || snapshots == 0) {
+        S now;
+        ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &now), 1);
+        ++snapshots;
+        if (now.user_bytes_sent != 100 * now.user_packets_sent ||
+            now.automatic_liveliness_bytes_received !=
+                40 * now.automatic_liveliness_packets_received ||
+            now._liveliness_bytes_received != now.automatic_liveliness_bytes_received ||
+            now._liveliness_packets_received != now.automatic_liveliness_packets_received) {
+            ++inconsistent;
+        }
+        if (now.user_packets_sent < previous.user_packets_sent ||
+            now.automatic_liveliness_packets_received <
+                previous.automatic_liveliness_packets_received ||
+            now.received_priority_count[0] < previous.received_priority_count[0]) {
+            ++backwards;
+        }
+        previous = now;
+    }
+    writer.join();
+    EXPECT_EQ(inconsistent, 0);
+    EXPECT_EQ(backwards, 0);
+    S last;
+    ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &last), 1);
+    EXPECT_EQ(last.user_packets_sent, static_cast<KEL_UINT64>(kRounds));
+    EXPECT_EQ(last.user_bytes_sent, 100u * kRounds);
+    EXPECT_EQ(last._liveliness_bytes_received, 40u * kRounds);
+    KEL_UINT64 priorities = 0;
+    for (KEL_UINT32 count : last.received_priority_count) priorities += count;
+    EXPECT_EQ(priorities, static_cast<KEL_UINT64>(kRounds));
+    RecordProperty("snapshots", static_cast<int>(snapshots));
+}
+
+// ---------------------------------------------------------------------
+// Binding pings
+
+TEST(UdpBindingPing, OnlyWanPluginsGenerateThem) {
+    PluginPtr wan = make(Kind::WAN, defaults(Kind::WAN));
+    ASSERT_NE(wan, nullptr);
+    EXPECT_EQ(VESK_Transport_UDP_is_binding_ping_generation_enabled(wan.get()), 1);
+    EXPECT_EQ(VESK_Transport_UDP_change_binding_ping_generation(wan.get(), DDS_BOOLEAN_FALSE), 1);
+    EXPECT_EQ(VESK_Transport_UDP_is_binding_ping_generation_enabled(wan.get()), 0);
+    EXPECT_EQ(VESK_Transport_UDP_change_binding_ping_generation(wan.get(), 7), 1);
+    EXPECT_EQ(VESK_Transport_UDP_is_binding_ping_generation_enabled(wan.get()), 1);
+
+    VESK_Transport_UDP_Property_t silent = defaults(Kind::WAN);
+    silent.binding_ping_period = 0;
+    PluginPtr quiet = make(Kind::WAN, silent);
+    ASSERT_NE(quiet, nullptr);
+    EXPECT_EQ(VESK_Transport_UDP_is_binding_ping_generation_enabled(quiet.get()), 0);
+
+    for (Kind kind : {Kind::V4, Kind::V6}) {
+        VESK_Transport_UDP_Property_t property = defaults(kind);
+        property.binding_ping_period = 1000;
+        PluginPtr plugin = make(kind, property);
+        ASSERT_NE(plugin, nullptr);
+        EXPECT_EQ(VESK_Transport_UDP_change_binding_ping_generation(plugin.get(), 1), 0);
+        EXPECT_EQ(VESK_Transport_UDP_is_binding_ping_generation_enabled(plugin.get()), 0);
+    }
+    EXPECT_EQ(VESK_Transport_UDP_is_binding_ping_generation_enabled(nullptr), 0);
+}
+
+}  // namespace
