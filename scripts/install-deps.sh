@@ -2,7 +2,8 @@
 # Installs the Debian packages that building and testing need, when any is
 # missing. Runs apt-get update first, as a fresh machine needs.
 set -euo pipefail
-packages=(cmake ninja-build g++ pkg-config googletest libgtest-dev libgmock-dev nlohmann-json3-dev "$@")
+packages=(cmake ninja-build g++ pkg-config googletest libgtest-dev libgmock-dev nlohmann-json3-dev
+          libcli11-dev libtinyxml2-dev "$@")
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then

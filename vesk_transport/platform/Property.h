@@ -101,6 +101,8 @@ extern const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV4_WA
 extern const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV4_WAN;
 extern const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV6;
 extern const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV6;
+extern const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_SHMEM;
+extern const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_SHMEM;
 
 #ifdef __cplusplus
 } /* extern "C" */

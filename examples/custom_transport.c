@@ -1,0 +1,158 @@
+/* Installs an application's own transport plugin on a participant, routes
+ * traffic to it, finds it again, and shows what is refused once the
+ * participant is enabled. */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "vesk_transport/Support.h"
+#include "vesk_transport/platform/Log.h"
+
+/* A class id of our own, outside the builtin ones. */
+#define LOOPBACK_CLASSID 0x7E570001
+
+/* The plugin record comes first, so a plugin pointer is also a pointer to
+ * the whole object. */
+struct LoopbackTransport {
+    VESK_Transport_Plugin plugin;
+    struct VESK_Transport_Property_t property;
+    int messages_sent;
+};
+
+static const char *loopback_class_name(VESK_Transport_Plugin *self) {
+    (void)self;
+    return "loopback";
+}
+
+static int loopback_send(VESK_Transport_Plugin *self, const VESK_Transport_SendResource_t *resource,
+                         const VESK_Transport_Address_t *destination, VESK_Transport_Port_t port,
+                         KEL_INT32 priority, const struct VESK_Transport_Buffer_t buffers[],
+                         KEL_INT32 buffer_count, void *reserved) {
+    struct LoopbackTransport *transport = (struct LoopbackTransport *)self;
+    (void)resource, (void)destination, (void)port, (void)priority, (void)buffers,
+        (void)buffer_count, (void)reserved;
+    ++transport->messages_sent;
+    return 1;
+}
+
+static void loopback_delete(VESK_Transport_Plugin *self, void *reserved) {
+    (void)reserved;
+    printf("  (loopback plugin %p deleted)\n", (void *)self);
+    free(self);
+}
+
+static VESK_Transport_Plugin *loopback_new(void) {
+    struct LoopbackTransport *transport = calloc(1, sizeof(*transport));
+    if (transport == NULL) return NULL;
+    transport->property.classid = LOOPBACK_CLASSID;
+    transport->property.address_bit_count = 32;
+    transport->property.message_size_max = 9000;
+    transport->property.gather_send_buffer_count_max = 16;
+    transport->plugin.property = &transport->property;
+    transport->plugin.send = loopback_send;
+    transport->plugin.get_class_name_cEA = loopback_class_name;
+    transport->plugin.delete_cEA = loopback_delete;
+    return &transport->plugin;
+}
+
+static VESK_Transport_Address_t ipv4(unsigned a, unsigned b, unsigned c, unsigned d) {
+    VESK_Transport_Address_t address;
+    memset(&address, 0, sizeof(address));
+    address.network_ordered_value[12] = (unsigned char)a;
+    address.network_ordered_value[13] = (unsigned char)b;
+    address.network_ordered_value[14] = (unsigned char)c;
+    address.network_ordered_value[15] = (unsigned char)d;
+    return address;
+}
+
+static int is_valid(VESK_Transport_Handle_t handle) {
+    return handle._participant != NULL && handle._plugin_handle._manager != NULL &&
+           handle._plugin_handle._index != 0xFFFFFFFFu;
+}
+
+static const char *code_name(DDS_ReturnCode_t code) {
+    switch (code) {
+        case DDS_RETCODE_OK: return "OK";
+        case DDS_RETCODE_ERROR: return "ERROR";
+        case DDS_RETCODE_BAD_PARAMETER: return "BAD_PARAMETER";
+        case DDS_RETCODE_PRECONDITION_NOT_MET: return "PRECONDITION_NOT_MET";
+        case DDS_RETCODE_NO_DATA: return "NO_DATA";
+        default: return "other";
+    }
+}
+
+int main(void) {
+    struct DDS_DomainParticipantOptions options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
+    DDS_DomainParticipant *participant;
+    VESK_Transport_Plugin *loopback, *refused_plugin;
+    struct DDS_StringSeq aliases = DDS_SEQUENCE_INITIALIZER;
+    struct DDS_StringSeq found_aliases = DDS_SEQUENCE_INITIALIZER;
+    VESK_Transport_Address_t network_address = ipv4(10, 0, 0, 7), found_address;
+    VESK_Transport_Address_t range = ipv4(10, 0, 0, 0);
+    VESK_Transport_Handle_t handle, found, refused;
+    DDS_Long i;
+    int status = 0;
+
+    /* Line by line, so the logger's messages on stderr stay in order. */
+    setvbuf(stdout, NULL, _IOLBF, 0);
+    KELLog_setVerbosity(VESK_CONFIG_LOG_VERBOSITY_ERROR);
+    options.transport_builtin_mask = 0; /* only our own transport */
+    participant = DDS_DomainParticipant_create(&options);
+    loopback = loopback_new();
+    if (participant == NULL || loopback == NULL) return 1;
+    printf("1. created a disabled participant and a loopback plugin (class 0x%X)\n",
+           (unsigned)LOOPBACK_CLASSID);
+
+    DDS_StringSeq_append(&aliases, "loop_a");
+    DDS_StringSeq_append(&aliases, "loop_b");
+    handle = VESK_Transport_Support_register_transport(participant, loopback, &aliases,
+                                                       &network_address);
+    printf("2. register under loop_a, loop_b at 10.0.0.7: handle %s (slot %u)\n",
+           is_valid(handle) ? "valid" : "INVALID", (unsigned)handle._plugin_handle._index);
+    if (!is_valid(handle)) status = 1;
+
+    /* 10.0.0.0/8: the 96 leading bytes of an IPv4 address are zero. */
+    printf("3. send route 10.0.0.0/8: %s\n",
+           code_name(VESK_Transport_Support_add_send_route(&handle, &range, 96 + 8)));
+    printf("   receive route 10.0.0.0/8: %s\n",
+           code_name(VESK_Transport_Support_add_receive_route(&handle, &range, 96 + 8)));
+    printf("   the configurator now holds %d routes\n",
+           KELNetioConfigurator_getRouteCount(DDS_DomainParticipant_get_netio_configuratorI(participant)));
+
+    printf("4. plugin by alias loop_b: %s\n",
+           VESK_Transport_Support_get_transport_plugin(participant, "loop_b") == loopback
+               ? "the loopback plugin"
+               : "NOT FOUND");
+
+    found = VESK_Transport_Support_lookup_transport(participant, &found_aliases, &found_address,
+                                                    loopback);
+    printf("5. lookup: handle %s, address %u.%u.%u.%u, aliases:",
+           is_valid(found) && found._plugin_handle._index == handle._plugin_handle._index
+               ? "same as registration"
+               : "DIFFERENT",
+           found_address.network_ordered_value[12], found_address.network_ordered_value[13],
+           found_address.network_ordered_value[14], found_address.network_ordered_value[15]);
+    for (i = 0; i < DDS_StringSeq_get_length(&found_aliases); ++i) {
+        printf(" %s", DDS_StringSeq_get(&found_aliases, i));
+    }
+    printf("\n");
+
+    printf("6. enable the participant: %s\n", code_name(DDS_DomainParticipant_enable(participant)));
+    refused_plugin = loopback_new();
+    DDS_StringSeq_finalize(&aliases);
+    DDS_StringSeq_append(&aliases, "late");
+    printf("7. register another plugin now (the logger explains the refusal):\n");
+    refused = VESK_Transport_Support_register_transport(participant, refused_plugin, &aliases,
+                                                        &network_address);
+    printf("   handle %s\n", is_valid(refused) ? "valid (UNEXPECTED)" : "invalid: refused");
+    if (is_valid(refused)) status = 1;
+    printf("   a route on the enabled participant: %s\n",
+           code_name(VESK_Transport_Support_add_send_route(&handle, &range, 104)));
+    refused_plugin->delete_cEA(refused_plugin, NULL);
+
+    DDS_StringSeq_finalize(&aliases);
+    DDS_StringSeq_finalize(&found_aliases);
+    printf("8. delete the participant, which deletes the plugins installed on it\n");
+    DDS_DomainParticipant_delete(participant);
+    return status;
+}
