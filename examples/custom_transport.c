@@ -72,12 +72,18 @@ static int is_valid(VESK_Transport_Handle_t handle) {
 
 static const char *code_name(DDS_ReturnCode_t code) {
     switch (code) {
-        case DDS_RETCODE_OK: return "OK";
-        case DDS_RETCODE_ERROR: return "ERROR";
-        case DDS_RETCODE_BAD_PARAMETER: return "BAD_PARAMETER";
-        case DDS_RETCODE_PRECONDITION_NOT_MET: return "PRECONDITION_NOT_MET";
-        case DDS_RETCODE_NO_DATA: return "NO_DATA";
-        default: return "other";
+        case DDS_RETCODE_OK:
+            return "OK";
+        case DDS_RETCODE_ERROR:
+            return "ERROR";
+        case DDS_RETCODE_BAD_PARAMETER:
+            return "BAD_PARAMETER";
+        case DDS_RETCODE_PRECONDITION_NOT_MET:
+            return "PRECONDITION_NOT_MET";
+        case DDS_RETCODE_NO_DATA:
+            return "NO_DATA";
+        default:
+            return "other";
     }
 }
 
@@ -117,7 +123,8 @@ int main(void) {
     printf("   receive route 10.0.0.0/8: %s\n",
            code_name(VESK_Transport_Support_add_receive_route(&handle, &range, 96 + 8)));
     printf("   the configurator now holds %d routes\n",
-           KELNetioConfigurator_getRouteCount(DDS_DomainParticipant_get_netio_configuratorI(participant)));
+           KELNetioConfigurator_getRouteCount(
+               DDS_DomainParticipant_get_netio_configuratorI(participant)));
 
     printf("4. plugin by alias loop_b: %s\n",
            VESK_Transport_Support_get_transport_plugin(participant, "loop_b") == loopback

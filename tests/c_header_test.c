@@ -9,12 +9,12 @@
 
 static int failures = 0;
 
-#define CHECK(condition_)                                                  \
-    do {                                                                   \
-        if (!(condition_)) {                                               \
+#define CHECK(condition_)                                                            \
+    do {                                                                             \
+        if (!(condition_)) {                                                         \
             fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition_); \
-            ++failures;                                                    \
-        }                                                                  \
+            ++failures;                                                              \
+        }                                                                            \
     } while (0)
 
 int main(void) {

@@ -63,7 +63,8 @@ VESK_Transport_Address_t address(unsigned char last) {
 }
 
 bool sameHandle(const VESK_Transport_Handle_t &a, const VESK_Transport_Handle_t &b) {
-    return a._participant == b._participant && a._plugin_handle._manager == b._plugin_handle._manager &&
+    return a._participant == b._participant &&
+           a._plugin_handle._manager == b._plugin_handle._manager &&
            a._plugin_handle._index == b._plugin_handle._index &&
            a._plugin_handle._referentEpochAtCreation == b._plugin_handle._referentEpochAtCreation;
 }
@@ -105,19 +106,60 @@ TEST(Register, RefusalsBeforeTheConfiguratorLeaveTheNilHandle) {
         std::string expected;
     };
     const std::vector<Row> rows = {
-        {"null participant first", true, false, true, true, true, {"a"},
+        {"null participant first",
+         true,
+         false,
+         true,
+         true,
+         true,
+         {"a"},
          "DDS_LOG_BAD_PARAMETER_s(participant_in must be  non-NULL)"},
-        {"enabled before arguments", false, true, true, true, true, {"a"},
+        {"enabled before arguments",
+         false,
+         true,
+         true,
+         true,
+         true,
+         {"a"},
          "DDS_LOG_PARTICIPANT_ENABLED_ERROR()"},
-        {"transport first of three", false, false, true, true, true, {"a"},
+        {"transport first of three",
+         false,
+         false,
+         true,
+         true,
+         true,
+         {"a"},
          "DDS_LOG_BAD_PARAMETER_s(transport_in must be non-NULL)"},
-        {"aliases before address", false, false, false, true, true, {"a"},
+        {"aliases before address",
+         false,
+         false,
+         false,
+         true,
+         true,
+         {"a"},
          "DDS_LOG_BAD_PARAMETER_s(aliases_in must be non-NULL)"},
-        {"address", false, false, false, false, true, {"a"},
+        {"address",
+         false,
+         false,
+         false,
+         false,
+         true,
+         {"a"},
          "DDS_LOG_BAD_PARAMETER_s(network_address_in must be non-NULL)"},
-        {"alias with a comma", false, false, false, false, false, {"a,b"},
+        {"alias with a comma",
+         false,
+         false,
+         false,
+         false,
+         false,
+         {"a,b"},
          "DDS_LOG_BAD_PARAMETER_s(aliases_in could not be converted to internal format)"},
-        {"aliases longer than the list", false, false, false, false, false,
+        {"aliases longer than the list",
+         false,
+         false,
+         false,
+         false,
+         false,
          {std::string(100, 'x'), std::string(40, 'y')},
          "DDS_LOG_BAD_PARAMETER_s(aliases_in could not be converted to internal format)"},
     };
@@ -135,8 +177,8 @@ TEST(Register, RefusalsBeforeTheConfiguratorLeaveTheNilHandle) {
         LogCapture log;
         VESK_Transport_Handle_t handle = VESK_Transport_Support_register_transport(
             row.nullParticipant ? nullptr : participant.get(),
-            row.nullTransport ? nullptr : &transport.plugin, row.nullAliases ? nullptr : &aliases.seq,
-            row.nullAddress ? nullptr : &networkAddress);
+            row.nullTransport ? nullptr : &transport.plugin,
+            row.nullAliases ? nullptr : &aliases.seq, row.nullAddress ? nullptr : &networkAddress);
         EXPECT_TRUE(sameHandle(handle, VESK_TRANSPORT_HANDLE_NIL));
         expectOneError(log, REGISTER, row.expected);
         EXPECT_EQ(KELNetioConfigurator_getPluginCount(
@@ -168,7 +210,7 @@ TEST(Register, SucceedsAndLookupReturnsTheSameInstallation) {
     // Lookup works after enabling, and without asking for the aliases.
     ASSERT_EQ(DDS_DomainParticipant_enable(participant.get()), DDS_RETCODE_OK);
     found = VESK_Transport_Support_lookup_transport(participant.get(), nullptr, &foundAddress,
-                                                   &transport.plugin);
+                                                    &transport.plugin);
     EXPECT_TRUE(sameHandle(found, handle));
     EXPECT_TRUE(log.entries().empty());
 }
@@ -234,8 +276,8 @@ TEST(Register, InstallationRefusedNamesTheAliasList) {
         const char *name;
         VESK_Transport_Plugin *plugin;
     };
-    for (const Row &row : {Row{"same plugin twice", &first.plugin},
-                           Row{"alias in use", &second.plugin}}) {
+    for (const Row &row :
+         {Row{"same plugin twice", &first.plugin}, Row{"alias in use", &second.plugin}}) {
         SCOPED_TRACE(row.name);
         LogCapture log;
         VESK_Transport_Handle_t handle = VESK_Transport_Support_register_transport(
@@ -354,14 +396,16 @@ TEST(Routes, RefusalsInTestOrder) {
         };
         const std::string invalid = "DDS_LOG_BAD_PARAMETER_s(transport_handle_in must be valid)";
         const std::vector<Row> rows = {
-            {"nil handle", &VESK_TRANSPORT_HANDLE_NIL, &range, 0, DDS_RETCODE_BAD_PARAMETER, invalid},
+            {"nil handle", &VESK_TRANSPORT_HANDLE_NIL, &range, 0, DDS_RETCODE_BAD_PARAMETER,
+             invalid},
             {"null handle pointer", nullptr, &range, 0, DDS_RETCODE_BAD_PARAMETER, invalid},
             {"null manager", &noManager, &range, 0, DDS_RETCODE_BAD_PARAMETER, invalid},
             {"index all ones", &noIndex, &range, 0, DDS_RETCODE_BAD_PARAMETER, invalid},
             {"null participant, bad everything", &noParticipant, nullptr, 500,
              DDS_RETCODE_BAD_PARAMETER, invalid},
             {"null address before bit count", &registered.handle, nullptr, -1,
-             DDS_RETCODE_BAD_PARAMETER, "DDS_LOG_BAD_PARAMETER_s(address_range_in must be non-NULL)"},
+             DDS_RETCODE_BAD_PARAMETER,
+             "DDS_LOG_BAD_PARAMETER_s(address_range_in must be non-NULL)"},
             {"bit count -1", &registered.handle, &range, -1, DDS_RETCODE_BAD_PARAMETER,
              "DDS_LOG_BAD_PARAMETER_s(0 <= address_range_bit_count_in <= 128)"},
             {"bit count 129", &registered.handle, &range, 129, DDS_RETCODE_BAD_PARAMETER,
@@ -381,7 +425,8 @@ TEST(Routes, RefusalsInTestOrder) {
         EXPECT_EQ(operation.fn(&registered.handle, nullptr, 500), DDS_RETCODE_PRECONDITION_NOT_MET);
         expectOneError(log, operation.function, "DDS_LOG_PARTICIPANT_ENABLED_ERROR()");
         log.clear();
-        EXPECT_EQ(operation.fn(&VESK_TRANSPORT_HANDLE_NIL, nullptr, 500), DDS_RETCODE_BAD_PARAMETER);
+        EXPECT_EQ(operation.fn(&VESK_TRANSPORT_HANDLE_NIL, nullptr, 500),
+                  DDS_RETCODE_BAD_PARAMETER);
         expectOneError(log, operation.function, invalid);
     }
 }
@@ -468,11 +513,11 @@ TEST(BuiltinProperties, ArgumentChecksInOrder) {
         SCOPED_TRACE(row.name);
         VESK_Transport_Property_t *target = row.nullRecord ? nullptr : &record.parent;
         LogCapture log;
-        DDS_ReturnCode_t result =
-            row.set ? VESK_Transport_Support_set_builtin_transport_property(
-                          row.participant, DDS_TRANSPORTBUILTIN_UDPv4, target)
-                    : VESK_Transport_Support_get_builtin_transport_property(
-                          row.participant, DDS_TRANSPORTBUILTIN_UDPv4, target);
+        DDS_ReturnCode_t result = row.set
+                                      ? VESK_Transport_Support_set_builtin_transport_property(
+                                            row.participant, DDS_TRANSPORTBUILTIN_UDPv4, target)
+                                      : VESK_Transport_Support_get_builtin_transport_property(
+                                            row.participant, DDS_TRANSPORTBUILTIN_UDPv4, target);
         EXPECT_EQ(result, row.result);
         expectOneError(log, row.function, row.expected);
     }
@@ -492,8 +537,8 @@ TEST(BuiltinProperties, KindAndResultPassThroughUnchanged) {
         auto builtinKind = static_cast<DDS_TransportBuiltinKind>(kind);
         DDS_ReturnCode_t direct = DDS_DomainParticipant_get_builtin_transport_property(
             participant.get(), builtinKind, &record.parent);
-        EXPECT_EQ(VESK_Transport_Support_get_builtin_transport_property(participant.get(),
-                                                                        builtinKind, &record.parent),
+        EXPECT_EQ(VESK_Transport_Support_get_builtin_transport_property(
+                      participant.get(), builtinKind, &record.parent),
                   direct);
     }
 }
@@ -535,7 +580,8 @@ TEST(PluginByAlias, Refusals) {
     const std::vector<Row> rows = {
         {"null participant", nullptr, nullptr,
          "DDS_LOG_BAD_PARAMETER_s(participant_in must be  non-NULL)"},
-        {"null alias", participant.get(), nullptr, "DDS_LOG_BAD_PARAMETER_s(alias_in must be  non-NULL)"},
+        {"null alias", participant.get(), nullptr,
+         "DDS_LOG_BAD_PARAMETER_s(alias_in must be  non-NULL)"},
         {"configurator before worker", neither.get(), "a",
          "DDS_LOG_GET_FAILURE_s(netio configurator not valid)"},
         {"no configurator", noConfigurator.get(), "a",
@@ -575,10 +621,11 @@ TEST(Masks, MessagesNeedTheErrorBitAndTheSubmoduleBit) {
         KEL_UINT32 instrumentation, submodule;
         size_t written;
     };
-    for (const Row &row : {Row{VESK_CONFIG_LOG_VERBOSITY_ERROR, DDS_SUBMODULE_MASK_TRANSPORT, 1},
-                           Row{KEL_LOG_BIT_EXCEPTION, DDS_SUBMODULE_MASK_TRANSPORT, 0},
-                           Row{VESK_CONFIG_LOG_VERBOSITY_ERROR, ~KEL_UINT32{DDS_SUBMODULE_MASK_TRANSPORT}, 0},
-                           Row{VESK_CONFIG_LOG_VERBOSITY_SILENT, 0xFFFFFFFFu, 0}}) {
+    for (const Row &row :
+         {Row{VESK_CONFIG_LOG_VERBOSITY_ERROR, DDS_SUBMODULE_MASK_TRANSPORT, 1},
+          Row{KEL_LOG_BIT_EXCEPTION, DDS_SUBMODULE_MASK_TRANSPORT, 0},
+          Row{VESK_CONFIG_LOG_VERBOSITY_ERROR, ~KEL_UINT32{DDS_SUBMODULE_MASK_TRANSPORT}, 0},
+          Row{VESK_CONFIG_LOG_VERBOSITY_SILENT, 0xFFFFFFFFu, 0}}) {
         LogCapture log(row.instrumentation, row.submodule);
         VESK_Transport_Handle_t handle =
             VESK_Transport_Support_register_transport(nullptr, nullptr, nullptr, nullptr);

@@ -31,18 +31,19 @@ ParticipantPtr makeParticipant(int withoutConfigurator = 0, int withoutWorker = 
 
 // A UDP plugin that uses the loopback interface, whatever else the host has.
 VESK_Transport_Plugin *newUdpPlugin(VESK_Transport_ClassId_t classid) {
-    VESK_Transport_UDP_Property_t record = classid == VESK_TRANSPORT_CLASSID_UDPv4_WAN
-                                              ? VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT
-                                          : classid == VESK_TRANSPORT_CLASSID_UDPv4
-                                              ? VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT
-                                              : VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT;
+    VESK_Transport_UDP_Property_t record =
+        classid == VESK_TRANSPORT_CLASSID_UDPv4_WAN ? VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT
+        : classid == VESK_TRANSPORT_CLASSID_UDPv4   ? VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT
+                                                    : VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT;
     record.parent.classid = classid;
     record.ignore_loopback_interface = 0;
     switch (classid) {
-        case VESK_TRANSPORT_CLASSID_UDPv4: return VESK_Transport_UDPv4_newI(&record, nullptr, nullptr);
+        case VESK_TRANSPORT_CLASSID_UDPv4:
+            return VESK_Transport_UDPv4_newI(&record, nullptr, nullptr);
         case VESK_TRANSPORT_CLASSID_UDPv4_WAN:
             return VESK_Transport_UDPv4_WAN_newI(&record, nullptr, nullptr);
-        default: return VESK_Transport_UDPv6_newI(&record, nullptr, nullptr);
+        default:
+            return VESK_Transport_UDPv6_newI(&record, nullptr, nullptr);
     }
 }
 
@@ -116,7 +117,8 @@ TEST(Statistics, Udpv4FallsBackToTheWanTransport) {
                                              VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 7);
         }
         VESK_Transport_UDP_Statistics record{};
-        EXPECT_EQ(VESK_Transport_Support_get_udpv4_statistics(participant.get(), &record), row.result);
+        EXPECT_EQ(VESK_Transport_Support_get_udpv4_statistics(participant.get(), &record),
+                  row.result);
         EXPECT_EQ(record.user_bytes_sent, row.expectedUserBytes);
         EXPECT_EQ(record.user_packets_sent, 1u);
         // No fallback for UDPv6.
@@ -158,9 +160,11 @@ struct LivelinessParticipant {
             KEL_UINT64 packets, bytes;
         } counts[] = {
             {VESK_TRANSPORT_UDP_TRAFFIC_MANUAL_LIVELINESS, VESK_TRANSPORT_UDP_TRAFFIC_SENT, 3, 30},
-            {VESK_TRANSPORT_UDP_TRAFFIC_MANUAL_LIVELINESS, VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 5, 50},
+            {VESK_TRANSPORT_UDP_TRAFFIC_MANUAL_LIVELINESS, VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 5,
+             50},
             {VESK_TRANSPORT_UDP_TRAFFIC_SECURE_LIVELINESS, VESK_TRANSPORT_UDP_TRAFFIC_SENT, 7, 70},
-            {VESK_TRANSPORT_UDP_TRAFFIC_SECURE_LIVELINESS, VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 11, 110},
+            {VESK_TRANSPORT_UDP_TRAFFIC_SECURE_LIVELINESS, VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 11,
+             110},
         };
         for (const auto &count : counts) {
             EXPECT_TRUE(VESK_Transport_UDP_count_traffic(udpv4, count.kind, count.direction,
@@ -176,12 +180,12 @@ TEST(Liveliness, SecureOrAutomaticSelectTheSharedCounters) {
         KEL_UINT64 packetsSent, bytesSent, packetsReceived, bytesReceived;
     };
     const Row rows[] = {
-        {0, 0, 3, 30, 5, 50},    {1, 0, 7, 70, 11, 110}, {1, 1, 7, 70, 11, 110},
-        {0, 1, 7, 70, 11, 110},  {2, 0, 7, 70, 11, 110}, {0, -1, 7, 70, 11, 110},
+        {0, 0, 3, 30, 5, 50},   {1, 0, 7, 70, 11, 110}, {1, 1, 7, 70, 11, 110},
+        {0, 1, 7, 70, 11, 110}, {2, 0, 7, 70, 11, 110}, {0, -1, 7, 70, 11, 110},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(::testing::Message() << "secure " << row.isSecure << " automatic "
-                                          << row.isAutomatic);
+        SCOPED_TRACE(::testing::Message()
+                     << "secure " << row.isSecure << " automatic " << row.isAutomatic);
         KEL_UINT64 packetsSent = 0, bytesSent = 0, packetsReceived = 0, bytesReceived = 0;
         EXPECT_EQ(VESK_Transport_Support_get_udp_liveliness_statistics(
                       fixture.participant.get(), &packetsSent, &bytesSent, &packetsReceived,
@@ -223,9 +227,13 @@ TEST(Liveliness, RefusalsLeaveTheOutputs) {
         {"class -1", fixture.participant.get(), -1, {}},
         {"no configurator", noConfigurator.get(), 1, {"DDS_LOG_GET_FAILURE_s(configurator)"}},
         {"no worker", noWorker.get(), 1, {"DDS_LOG_GET_FAILURE_s(worker)"}},
-        {"class 5 not installed, no fallback", fixture.participant.get(), 5,
+        {"class 5 not installed, no fallback",
+         fixture.participant.get(),
+         5,
          {"DDS_LOG_GET_FAILURE_s(transportPlugin)"}},
-        {"WAN not installed", fixture.participant.get(), VESK_TRANSPORT_CLASSID_UDPv4_WAN,
+        {"WAN not installed",
+         fixture.participant.get(),
+         VESK_TRANSPORT_CLASSID_UDPv4_WAN,
          {"DDS_LOG_GET_FAILURE_s(transportPlugin)"}},
     };
     for (const Row &row : rows) {
@@ -304,7 +312,8 @@ struct Expected {
     std::string format;
 };
 
-void expectMessages(const LogCapture &log, const char *function, const std::vector<Expected> &expected) {
+void expectMessages(const LogCapture &log, const char *function,
+                    const std::vector<Expected> &expected) {
     auto entries = log.entries();
     ASSERT_EQ(entries.size(), expected.size()) << ::testing::PrintToString(log.summary());
     for (size_t i = 0; i < expected.size(); ++i) {
@@ -336,28 +345,72 @@ TEST(InterfaceStatus, RefusalsInTestOrder) {
         std::vector<Expected> messages;
     };
     const std::vector<Row> rows = {
-        {"null participant and name", nullptr, 1, nullptr, 1, DDS_RETCODE_BAD_PARAMETER,
+        {"null participant and name",
+         nullptr,
+         1,
+         nullptr,
+         1,
+         DDS_RETCODE_BAD_PARAMETER,
          {{error, "KEL_LOG_BAD_PARAMETER_FAILURE_TEMPLATE(participant)", "participant"}}},
-        {"null name", participant.get(), 1, nullptr, 1, DDS_RETCODE_BAD_PARAMETER,
+        {"null name",
+         participant.get(),
+         1,
+         nullptr,
+         1,
+         DDS_RETCODE_BAD_PARAMETER,
          {{error, "KEL_LOG_BAD_PARAMETER_FAILURE_TEMPLATE(interface_name)", "interface_name"}}},
-        {"configurator before worker", neither.get(), 1, "lo", 1, DDS_RETCODE_PRECONDITION_NOT_MET,
+        {"configurator before worker",
+         neither.get(),
+         1,
+         "lo",
+         1,
+         DDS_RETCODE_PRECONDITION_NOT_MET,
          {{precondition, "KEL_LOG_PRECONDITION_FAILURE_s(\"configurator == ((void *)0)\")", ""}}},
-        {"no worker", noWorker.get(), 1, "lo", 1, DDS_RETCODE_PRECONDITION_NOT_MET,
+        {"no worker",
+         noWorker.get(),
+         1,
+         "lo",
+         1,
+         DDS_RETCODE_PRECONDITION_NOT_MET,
          {{precondition, "KEL_LOG_PRECONDITION_FAILURE_s(\"worker == ((void *)0)\")", ""}}},
-        {"class 5 is not accepted here", participant.get(), 5, "lo", 1, DDS_RETCODE_BAD_PARAMETER,
+        {"class 5 is not accepted here",
+         participant.get(),
+         5,
+         "lo",
+         1,
+         DDS_RETCODE_BAD_PARAMETER,
          {{error, "KEL_LOG_BAD_PARAMETER_FAILURE_TEMPLATE(transport_class_id)",
            "transport_class_id"}}},
-        {"no plugin of the class", participant.get(), 2, "lo", 1, DDS_RETCODE_PRECONDITION_NOT_MET,
+        {"no plugin of the class",
+         participant.get(),
+         2,
+         "lo",
+         1,
+         DDS_RETCODE_PRECONDITION_NOT_MET,
          {{error, "KEL_LOG_FAILED_TO_FIND_TEMPLATE(transport plugin for class 2)",
            "transport plugin for class %d"}}},
-        {"unknown interface, is_up 2 reported as UP", participant.get(), 1, "nosuchif0", 2,
+        {"unknown interface, is_up 2 reported as UP",
+         participant.get(),
+         1,
+         "nosuchif0",
+         2,
          DDS_RETCODE_ERROR,
          {{error, "KEL_LOG_FAILED_TO_MODIFY_TEMPLATE(status of interface nosuchif0 to UP)",
            "status of interface %s to %s"}}},
-        {"down", participant.get(), 1, "nosuchif0", 0, DDS_RETCODE_ERROR,
+        {"down",
+         participant.get(),
+         1,
+         "nosuchif0",
+         0,
+         DDS_RETCODE_ERROR,
          {{error, "KEL_LOG_FAILED_TO_MODIFY_TEMPLATE(status of interface nosuchif0 to DOWN)",
            "status of interface %s to %s"}}},
-        {"plugin refuses", foreign.get(), 2, "lo", 1, DDS_RETCODE_ERROR,
+        {"plugin refuses",
+         foreign.get(),
+         2,
+         "lo",
+         1,
+         DDS_RETCODE_ERROR,
          {{error, "KEL_LOG_FAILED_TO_MODIFY_TEMPLATE(status of interface lo to UP)",
            "status of interface %s to %s"}}},
     };
@@ -412,27 +465,46 @@ TEST(BindingPings, RefusalsAndSwitching) {
         std::vector<Expected> messages;
     };
     const std::vector<Row> rows = {
-        {"null participant", nullptr, 1, DDS_RETCODE_BAD_PARAMETER,
+        {"null participant",
+         nullptr,
+         1,
+         DDS_RETCODE_BAD_PARAMETER,
          {{error, "KEL_LOG_BAD_PARAMETER_FAILURE_TEMPLATE(participant)", "participant"}}},
-        {"no configurator", noConfigurator.get(), 1, DDS_RETCODE_PRECONDITION_NOT_MET,
+        {"no configurator",
+         noConfigurator.get(),
+         1,
+         DDS_RETCODE_PRECONDITION_NOT_MET,
          {{precondition, "KEL_LOG_PRECONDITION_FAILURE_s(\"configurator == ((void *)0)\")", ""}}},
-        {"no worker", noWorker.get(), 1, DDS_RETCODE_PRECONDITION_NOT_MET,
+        {"no worker",
+         noWorker.get(),
+         1,
+         DDS_RETCODE_PRECONDITION_NOT_MET,
          {{precondition, "KEL_LOG_PRECONDITION_FAILURE_s(\"worker == ((void *)0)\")", ""}}},
-        {"no WAN transport", withoutWan.get(), 1, DDS_RETCODE_PRECONDITION_NOT_MET,
+        {"no WAN transport",
+         withoutWan.get(),
+         1,
+         DDS_RETCODE_PRECONDITION_NOT_MET,
          {{error, "KEL_LOG_FAILED_TO_FIND_TEMPLATE(transport plugin for class 16777217)",
            "transport plugin for class %d"}}},
-        {"refused: enable", foreign.get(), 3, DDS_RETCODE_ERROR,
+        {"refused: enable",
+         foreign.get(),
+         3,
+         DDS_RETCODE_ERROR,
          {{error, "KEL_LOG_FAILED_TO_MODIFY_TEMPLATE(binding ping generation status to ENABLED)",
            "binding ping generation status to %s"}}},
-        {"refused: disable", foreign.get(), 0, DDS_RETCODE_ERROR,
+        {"refused: disable",
+         foreign.get(),
+         0,
+         DDS_RETCODE_ERROR,
          {{error, "KEL_LOG_FAILED_TO_MODIFY_TEMPLATE(binding ping generation status to DISABLED)",
            "binding ping generation status to %s"}}},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         LogCapture log;
-        EXPECT_EQ(VESK_Transport_Support_change_binding_ping_generation(row.participant, row.enable),
-                  row.result);
+        EXPECT_EQ(
+            VESK_Transport_Support_change_binding_ping_generation(row.participant, row.enable),
+            row.result);
         expectMessages(log, BINDING_PING, row.messages);
     }
 
@@ -461,8 +533,9 @@ TEST(ControlMessages, WorkerActivityContextGating) {
         KEL_UINT32 categoryMask2;
         bool written;
     };
-    for (const Row &row : {Row{"shared bit", 0x10, 0x30, true}, Row{"no shared bit", 0x10, 0x20, false},
-                           Row{"no context", 0, 0xFFFFFFFF, false}}) {
+    for (const Row &row :
+         {Row{"shared bit", 0x10, 0x30, true}, Row{"no shared bit", 0x10, 0x20, false},
+          Row{"no context", 0, 0xFFFFFFFF, false}}) {
         SCOPED_TRACE(row.name);
         context.category = row.contextCategory;
         worker->_activityContext = row.contextCategory != 0 ? &context : nullptr;

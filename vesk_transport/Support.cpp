@@ -14,11 +14,11 @@
 #include <cstring>
 
 #include "vesk_transport/PropertyTables.hpp"
-#include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/ConfiguratorUtil.h"
-#include "vesk_transport/platform/SocketUtil.h"
+#include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Json.h"
 #include "vesk_transport/platform/Log.h"
+#include "vesk_transport/platform/SocketUtil.h"
 #include "vesk_transport/platform/Utility.h"
 
 namespace {
@@ -47,133 +47,134 @@ static_assert(sizeof(VESK_Transport_UUID) == 12);
 static_assert(sizeof(KELOsapiRtpsGuidPrefix) == 12);
 static_assert(sizeof(KELNetioAddressFilter) == 32 && offsetof(KELNetioAddressFilter, mask) == 16);
 static_assert(offsetof(VESK_Transport_Plugin, property) == 0);
-static_assert(strictlyIncreasing({
-    offsetof(VESK_Transport_Plugin, property), offsetof(VESK_Transport_Plugin, send),
-    offsetof(VESK_Transport_Plugin, receive_rEA),
-    offsetof(VESK_Transport_Plugin, return_loaned_buffer_rEA),
-    offsetof(VESK_Transport_Plugin, unblock_receive_rrEA),
-    offsetof(VESK_Transport_Plugin, create_recvresource_rrEA),
-    offsetof(VESK_Transport_Plugin, destroy_recvresource_rrEA),
-    offsetof(VESK_Transport_Plugin, share_recvresource_rrEA),
-    offsetof(VESK_Transport_Plugin, unshare_recvresource_rrEA),
-    offsetof(VESK_Transport_Plugin, create_sendresource_srEA),
-    offsetof(VESK_Transport_Plugin, destroy_sendresource_srEA),
-    offsetof(VESK_Transport_Plugin, share_sendresource_srEA),
-    offsetof(VESK_Transport_Plugin, unshare_sendresource_srEA),
-    offsetof(VESK_Transport_Plugin, get_class_name_cEA),
-    offsetof(VESK_Transport_Plugin, string_to_address_cEA),
-    offsetof(VESK_Transport_Plugin, get_receive_interfaces_cEA),
-    offsetof(VESK_Transport_Plugin, get_transport_receive_context),
-    offsetof(VESK_Transport_Plugin, get_transport_send_context),
-    offsetof(VESK_Transport_Plugin, are_addresses_equivalent),
-    offsetof(VESK_Transport_Plugin, get_equivalent_initial_peer_address),
-    offsetof(VESK_Transport_Plugin, is_valid_entry_port),
-    offsetof(VESK_Transport_Plugin, update_destination),
-    offsetof(VESK_Transport_Plugin, register_listener_cEA),
-    offsetof(VESK_Transport_Plugin, delete_cEA),
-    offsetof(VESK_Transport_Plugin, multicastInterfaceEnabled)}));
+static_assert(strictlyIncreasing({offsetof(VESK_Transport_Plugin, property),
+                                  offsetof(VESK_Transport_Plugin, send),
+                                  offsetof(VESK_Transport_Plugin, receive_rEA),
+                                  offsetof(VESK_Transport_Plugin, return_loaned_buffer_rEA),
+                                  offsetof(VESK_Transport_Plugin, unblock_receive_rrEA),
+                                  offsetof(VESK_Transport_Plugin, create_recvresource_rrEA),
+                                  offsetof(VESK_Transport_Plugin, destroy_recvresource_rrEA),
+                                  offsetof(VESK_Transport_Plugin, share_recvresource_rrEA),
+                                  offsetof(VESK_Transport_Plugin, unshare_recvresource_rrEA),
+                                  offsetof(VESK_Transport_Plugin, create_sendresource_srEA),
+                                  offsetof(VESK_Transport_Plugin, destroy_sendresource_srEA),
+                                  offsetof(VESK_Transport_Plugin, share_sendresource_srEA),
+                                  offsetof(VESK_Transport_Plugin, unshare_sendresource_srEA),
+                                  offsetof(VESK_Transport_Plugin, get_class_name_cEA),
+                                  offsetof(VESK_Transport_Plugin, string_to_address_cEA),
+                                  offsetof(VESK_Transport_Plugin, get_receive_interfaces_cEA),
+                                  offsetof(VESK_Transport_Plugin, get_transport_receive_context),
+                                  offsetof(VESK_Transport_Plugin, get_transport_send_context),
+                                  offsetof(VESK_Transport_Plugin, are_addresses_equivalent),
+                                  offsetof(VESK_Transport_Plugin,
+                                           get_equivalent_initial_peer_address),
+                                  offsetof(VESK_Transport_Plugin, is_valid_entry_port),
+                                  offsetof(VESK_Transport_Plugin, update_destination),
+                                  offsetof(VESK_Transport_Plugin, register_listener_cEA),
+                                  offsetof(VESK_Transport_Plugin, delete_cEA),
+                                  offsetof(VESK_Transport_Plugin, multicastInterfaceEnabled)}));
 static_assert(strictlyIncreasing({offsetof(VESK_Transport_Handle_t, _participant),
                                   offsetof(VESK_Transport_Handle_t, _plugin_handle)}));
 static_assert(strictlyIncreasing({offsetof(REDAWeakReference, _manager),
                                   offsetof(REDAWeakReference, _index),
                                   offsetof(REDAWeakReference, _referentEpochAtCreation)}));
-static_assert(strictlyIncreasing({
-    offsetof(VESK_Transport_Property_t, classid),
-    offsetof(VESK_Transport_Property_t, address_bit_count),
-    offsetof(VESK_Transport_Property_t, properties_bitmap),
-    offsetof(VESK_Transport_Property_t, gather_send_buffer_count_max),
-    offsetof(VESK_Transport_Property_t, message_size_max),
-    offsetof(VESK_Transport_Property_t, allow_interfaces_list),
-    offsetof(VESK_Transport_Property_t, allow_interfaces_list_length),
-    offsetof(VESK_Transport_Property_t, deny_interfaces_list),
-    offsetof(VESK_Transport_Property_t, deny_interfaces_list_length),
-    offsetof(VESK_Transport_Property_t, allow_multicast_interfaces_list),
-    offsetof(VESK_Transport_Property_t, allow_multicast_interfaces_list_length),
-    offsetof(VESK_Transport_Property_t, deny_multicast_interfaces_list),
-    offsetof(VESK_Transport_Property_t, deny_multicast_interfaces_list_length),
-    offsetof(VESK_Transport_Property_t, transport_uuid),
-    offsetof(VESK_Transport_Property_t, domain_participant_ptr),
-    offsetof(VESK_Transport_Property_t, domain_participant_forwarder),
-    offsetof(VESK_Transport_Property_t, thread_name_prefix),
-    offsetof(VESK_Transport_Property_t, max_interface_count)}));
+static_assert(
+    strictlyIncreasing({offsetof(VESK_Transport_Property_t, classid),
+                        offsetof(VESK_Transport_Property_t, address_bit_count),
+                        offsetof(VESK_Transport_Property_t, properties_bitmap),
+                        offsetof(VESK_Transport_Property_t, gather_send_buffer_count_max),
+                        offsetof(VESK_Transport_Property_t, message_size_max),
+                        offsetof(VESK_Transport_Property_t, allow_interfaces_list),
+                        offsetof(VESK_Transport_Property_t, allow_interfaces_list_length),
+                        offsetof(VESK_Transport_Property_t, deny_interfaces_list),
+                        offsetof(VESK_Transport_Property_t, deny_interfaces_list_length),
+                        offsetof(VESK_Transport_Property_t, allow_multicast_interfaces_list),
+                        offsetof(VESK_Transport_Property_t, allow_multicast_interfaces_list_length),
+                        offsetof(VESK_Transport_Property_t, deny_multicast_interfaces_list),
+                        offsetof(VESK_Transport_Property_t, deny_multicast_interfaces_list_length),
+                        offsetof(VESK_Transport_Property_t, transport_uuid),
+                        offsetof(VESK_Transport_Property_t, domain_participant_ptr),
+                        offsetof(VESK_Transport_Property_t, domain_participant_forwarder),
+                        offsetof(VESK_Transport_Property_t, thread_name_prefix),
+                        offsetof(VESK_Transport_Property_t, max_interface_count)}));
 static_assert(offsetof(VESK_Transport_Property_t, classid) == 0);
 static_assert(offsetof(VESK_Transport_UDP_Property_t, parent) == 0 &&
               offsetof(VESK_Transport_Shmem_Property_t, parent) == 0);
-static_assert(strictlyIncreasing({
-    offsetof(VESK_Transport_UDP_Property_t, parent),
-    offsetof(VESK_Transport_UDP_Property_t, send_socket_buffer_size),
-    offsetof(VESK_Transport_UDP_Property_t, recv_socket_buffer_size),
-    offsetof(VESK_Transport_UDP_Property_t, unicast_enabled),
-    offsetof(VESK_Transport_UDP_Property_t, multicast_enabled),
-    offsetof(VESK_Transport_UDP_Property_t, multicast_ttl),
-    offsetof(VESK_Transport_UDP_Property_t, multicast_loopback_disabled),
-    offsetof(VESK_Transport_UDP_Property_t, ignore_loopback_interface),
-    offsetof(VESK_Transport_UDP_Property_t, ignore_nonup_interfaces),
-    offsetof(VESK_Transport_UDP_Property_t, ignore_nonrunning_interfaces),
-    offsetof(VESK_Transport_UDP_Property_t, no_zero_copy),
-    offsetof(VESK_Transport_UDP_Property_t, send_blocking),
-    offsetof(VESK_Transport_UDP_Property_t, enable_v4mapped),
-    offsetof(VESK_Transport_UDP_Property_t, use_checksum),
-    offsetof(VESK_Transport_UDP_Property_t, transport_priority_mask),
-    offsetof(VESK_Transport_UDP_Property_t, transport_priority_mapping_low),
-    offsetof(VESK_Transport_UDP_Property_t, transport_priority_mapping_high),
-    offsetof(VESK_Transport_UDP_Property_t, send_ping),
-    offsetof(VESK_Transport_UDP_Property_t, force_interface_poll_detection),
-    offsetof(VESK_Transport_UDP_Property_t, interface_poll_period),
-    offsetof(VESK_Transport_UDP_Property_t, reuse_multicast_receive_resource),
-    offsetof(VESK_Transport_UDP_Property_t, protocol_overhead_max),
-    offsetof(VESK_Transport_UDP_Property_t, disable_interface_tracking),
-    offsetof(VESK_Transport_UDP_Property_t, join_multicast_group_timeout),
-    offsetof(VESK_Transport_UDP_Property_t, public_address),
-    offsetof(VESK_Transport_UDP_Property_t, comm_ports_list),
-    offsetof(VESK_Transport_UDP_Property_t, comm_ports_list_length),
-    offsetof(VESK_Transport_UDP_Property_t, wan_listener),
-    offsetof(VESK_Transport_UDP_Property_t, port_offset),
-    offsetof(VESK_Transport_UDP_Property_t, binding_ping_period),
-    offsetof(VESK_Transport_UDP_Property_t, binding_ping_mapping_expiration),
-    offsetof(VESK_Transport_UDP_Property_t, gather_detailed_statistics),
-    offsetof(VESK_Transport_UDP_Property_t, drop_samples_by_guid_prefix),
-    offsetof(VESK_Transport_UDP_Property_t, guid_prefix_to_drop)}));
-static_assert(strictlyIncreasing({
-    offsetof(VESK_Transport_Shmem_Property_t, parent),
-    offsetof(VESK_Transport_Shmem_Property_t, received_message_count_max),
-    offsetof(VESK_Transport_Shmem_Property_t, receive_buffer_size),
-    offsetof(VESK_Transport_Shmem_Property_t, enable_udp_debugging),
-    offsetof(VESK_Transport_Shmem_Property_t, udp_debugging_address),
-    offsetof(VESK_Transport_Shmem_Property_t, udp_debugging_port),
-    offsetof(VESK_Transport_Shmem_Property_t, segmentKeyOffset),
-    offsetof(VESK_Transport_Shmem_Property_t, segmentKeyFactor),
-    offsetof(VESK_Transport_Shmem_Property_t, semaphoreKeyOffset),
-    offsetof(VESK_Transport_Shmem_Property_t, semaphoreKeyFactor),
-    offsetof(VESK_Transport_Shmem_Property_t, mutexKeyOffset),
-    offsetof(VESK_Transport_Shmem_Property_t, mutexKeyFactor),
-    offsetof(VESK_Transport_Shmem_Property_t, maxAllowedWriterDurationMillisec),
-    offsetof(VESK_Transport_Shmem_Property_t, reserved),
-    offsetof(VESK_Transport_Shmem_Property_t, shmemUUID),
-    offsetof(VESK_Transport_Shmem_Property_t, majorVersion)}));
+static_assert(
+    strictlyIncreasing({offsetof(VESK_Transport_UDP_Property_t, parent),
+                        offsetof(VESK_Transport_UDP_Property_t, send_socket_buffer_size),
+                        offsetof(VESK_Transport_UDP_Property_t, recv_socket_buffer_size),
+                        offsetof(VESK_Transport_UDP_Property_t, unicast_enabled),
+                        offsetof(VESK_Transport_UDP_Property_t, multicast_enabled),
+                        offsetof(VESK_Transport_UDP_Property_t, multicast_ttl),
+                        offsetof(VESK_Transport_UDP_Property_t, multicast_loopback_disabled),
+                        offsetof(VESK_Transport_UDP_Property_t, ignore_loopback_interface),
+                        offsetof(VESK_Transport_UDP_Property_t, ignore_nonup_interfaces),
+                        offsetof(VESK_Transport_UDP_Property_t, ignore_nonrunning_interfaces),
+                        offsetof(VESK_Transport_UDP_Property_t, no_zero_copy),
+                        offsetof(VESK_Transport_UDP_Property_t, send_blocking),
+                        offsetof(VESK_Transport_UDP_Property_t, enable_v4mapped),
+                        offsetof(VESK_Transport_UDP_Property_t, use_checksum),
+                        offsetof(VESK_Transport_UDP_Property_t, transport_priority_mask),
+                        offsetof(VESK_Transport_UDP_Property_t, transport_priority_mapping_low),
+                        offsetof(VESK_Transport_UDP_Property_t, transport_priority_mapping_high),
+                        offsetof(VESK_Transport_UDP_Property_t, send_ping),
+                        offsetof(VESK_Transport_UDP_Property_t, force_interface_poll_detection),
+                        offsetof(VESK_Transport_UDP_Property_t, interface_poll_period),
+                        offsetof(VESK_Transport_UDP_Property_t, reuse_multicast_receive_resource),
+                        offsetof(VESK_Transport_UDP_Property_t, protocol_overhead_max),
+                        offsetof(VESK_Transport_UDP_Property_t, disable_interface_tracking),
+                        offsetof(VESK_Transport_UDP_Property_t, join_multicast_group_timeout),
+                        offsetof(VESK_Transport_UDP_Property_t, public_address),
+                        offsetof(VESK_Transport_UDP_Property_t, comm_ports_list),
+                        offsetof(VESK_Transport_UDP_Property_t, comm_ports_list_length),
+                        offsetof(VESK_Transport_UDP_Property_t, wan_listener),
+                        offsetof(VESK_Transport_UDP_Property_t, port_offset),
+                        offsetof(VESK_Transport_UDP_Property_t, binding_ping_period),
+                        offsetof(VESK_Transport_UDP_Property_t, binding_ping_mapping_expiration),
+                        offsetof(VESK_Transport_UDP_Property_t, gather_detailed_statistics),
+                        offsetof(VESK_Transport_UDP_Property_t, drop_samples_by_guid_prefix),
+                        offsetof(VESK_Transport_UDP_Property_t, guid_prefix_to_drop)}));
+static_assert(
+    strictlyIncreasing({offsetof(VESK_Transport_Shmem_Property_t, parent),
+                        offsetof(VESK_Transport_Shmem_Property_t, received_message_count_max),
+                        offsetof(VESK_Transport_Shmem_Property_t, receive_buffer_size),
+                        offsetof(VESK_Transport_Shmem_Property_t, enable_udp_debugging),
+                        offsetof(VESK_Transport_Shmem_Property_t, udp_debugging_address),
+                        offsetof(VESK_Transport_Shmem_Property_t, udp_debugging_port),
+                        offsetof(VESK_Transport_Shmem_Property_t, segmentKeyOffset),
+                        offsetof(VESK_Transport_Shmem_Property_t, segmentKeyFactor),
+                        offsetof(VESK_Transport_Shmem_Property_t, semaphoreKeyOffset),
+                        offsetof(VESK_Transport_Shmem_Property_t, semaphoreKeyFactor),
+                        offsetof(VESK_Transport_Shmem_Property_t, mutexKeyOffset),
+                        offsetof(VESK_Transport_Shmem_Property_t, mutexKeyFactor),
+                        offsetof(VESK_Transport_Shmem_Property_t, maxAllowedWriterDurationMillisec),
+                        offsetof(VESK_Transport_Shmem_Property_t, reserved),
+                        offsetof(VESK_Transport_Shmem_Property_t, shmemUUID),
+                        offsetof(VESK_Transport_Shmem_Property_t, majorVersion)}));
 static_assert(sizeof(VESK_Transport_Shmem_Property_t::majorVersion) == 2);
-static_assert(strictlyIncreasing({
-    offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, rtps_port),
-    offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, host_port),
-    offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, public_port),
-    offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, ref_count)}));
+static_assert(
+    strictlyIncreasing({offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, rtps_port),
+                        offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, host_port),
+                        offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, public_port),
+                        offsetof(VESK_Transport_UDP_WAN_CommPortsMappingInfo, ref_count)}));
 static_assert(sizeof(VESK_Transport_UDP_Statistics::received_priority_count) == 256 * 4);
-static_assert(strictlyIncreasing({
-    offsetof(VESK_Transport_UDP_Statistics, user_bytes_sent),
-    offsetof(VESK_Transport_UDP_Statistics, user_bytes_received),
-    offsetof(VESK_Transport_UDP_Statistics, user_packets_sent),
-    offsetof(VESK_Transport_UDP_Statistics, user_packets_received),
-    offsetof(VESK_Transport_UDP_Statistics, overhead_packets_received),
-    offsetof(VESK_Transport_UDP_Statistics, binding_ping_event_count),
-    offsetof(VESK_Transport_UDP_Statistics, binding_ping_packets_sent),
-    offsetof(VESK_Transport_UDP_Statistics, binding_ping_bytes_sent),
-    offsetof(VESK_Transport_UDP_Statistics, binding_ping_packets_received),
-    offsetof(VESK_Transport_UDP_Statistics, binding_ping_bytes_received),
-    offsetof(VESK_Transport_UDP_Statistics, received_priority_count),
-    offsetof(VESK_Transport_UDP_Statistics, _liveliness_bytes_sent),
-    offsetof(VESK_Transport_UDP_Statistics, _liveliness_bytes_received),
-    offsetof(VESK_Transport_UDP_Statistics, _liveliness_packets_sent),
-    offsetof(VESK_Transport_UDP_Statistics, _liveliness_packets_received)}));
+static_assert(
+    strictlyIncreasing({offsetof(VESK_Transport_UDP_Statistics, user_bytes_sent),
+                        offsetof(VESK_Transport_UDP_Statistics, user_bytes_received),
+                        offsetof(VESK_Transport_UDP_Statistics, user_packets_sent),
+                        offsetof(VESK_Transport_UDP_Statistics, user_packets_received),
+                        offsetof(VESK_Transport_UDP_Statistics, overhead_packets_received),
+                        offsetof(VESK_Transport_UDP_Statistics, binding_ping_event_count),
+                        offsetof(VESK_Transport_UDP_Statistics, binding_ping_packets_sent),
+                        offsetof(VESK_Transport_UDP_Statistics, binding_ping_bytes_sent),
+                        offsetof(VESK_Transport_UDP_Statistics, binding_ping_packets_received),
+                        offsetof(VESK_Transport_UDP_Statistics, binding_ping_bytes_received),
+                        offsetof(VESK_Transport_UDP_Statistics, received_priority_count),
+                        offsetof(VESK_Transport_UDP_Statistics, _liveliness_bytes_sent),
+                        offsetof(VESK_Transport_UDP_Statistics, _liveliness_bytes_received),
+                        offsetof(VESK_Transport_UDP_Statistics, _liveliness_packets_sent),
+                        offsetof(VESK_Transport_UDP_Statistics, _liveliness_packets_received)}));
 // The 32 counters of groups one to eight are contiguous, four per group.
 static_assert(offsetof(VESK_Transport_UDP_Statistics, overhead_packets_received) == 31 * 8);
 
@@ -181,16 +182,18 @@ static_assert(offsetof(VESK_Transport_UDP_Statistics, overhead_packets_received)
 // Logging helpers
 // ---------------------------------------------------------------------------
 
-bool logEnabled(KEL_UINT32 level) { return KELLog_isEnabled(level, DDS_SUBMODULE_MASK_TRANSPORT) != 0; }
+bool logEnabled(KEL_UINT32 level) {
+    return KELLog_isEnabled(level, DDS_SUBMODULE_MASK_TRANSPORT) != 0;
+}
 
 // A message of one of the module's templates, written when the masks allow.
-#define VESK_LOG(level_, function_, template_, ...)                                          \
-    do {                                                                                     \
-        if (logEnabled(level_)) {                                                            \
-            KELLogMessage_printWithParams(-1, (level_), VESK_TRANSPORT_LOG_MODULE_ID,        \
-                                          __FILE__, __LINE__, (function_),                   \
-                                          &(template_)__VA_OPT__(, ) __VA_ARGS__);           \
-        }                                                                                    \
+#define VESK_LOG(level_, function_, template_, ...)                                             \
+    do {                                                                                        \
+        if (logEnabled(level_)) {                                                               \
+            KELLogMessage_printWithParams(-1, (level_), VESK_TRANSPORT_LOG_MODULE_ID, __FILE__, \
+                                          __LINE__, (function_),                                \
+                                          &(template_)__VA_OPT__(, ) __VA_ARGS__);              \
+        }                                                                                       \
     } while (0)
 
 #define VESK_LOG_ERROR(function_, template_, ...) \
@@ -198,25 +201,25 @@ bool logEnabled(KEL_UINT32 level) { return KELLog_isEnabled(level, DDS_SUBMODULE
 
 // A _TEMPLATE message: the format text and its arguments become the
 // template's one parameter.
-#define VESK_LOG_FORMAT(level_, function_, template_, ...)                                   \
-    do {                                                                                     \
-        if (logEnabled(level_)) {                                                            \
+#define VESK_LOG_FORMAT(level_, function_, template_, ...)                                       \
+    do {                                                                                         \
+        if (logEnabled(level_)) {                                                                \
             KELLogMessageParamString_printWithParams(-1, (level_), VESK_TRANSPORT_LOG_MODULE_ID, \
-                                                     __FILE__, __LINE__, (function_),        \
-                                                     &(template_), __VA_ARGS__);             \
-        }                                                                                    \
+                                                     __FILE__, __LINE__, (function_),            \
+                                                     &(template_), __VA_ARGS__);                 \
+        }                                                                                        \
     } while (0)
 
 // The library's precondition convention: the condition text, quoted, at the
 // precondition level; then the detection flag and the breakpoint hook.
-#define VESK_PRECONDITION_FAILED(function_, condition_text_)                                \
-    do {                                                                                     \
-        VESK_LOG(KEL_LOG_BIT_EXCEPTION, function_, KEL_LOG_PRECONDITION_FAILURE_s,           \
-                 "\"" condition_text_ "\"");                                                 \
-        if (KELLog_g_detectPrecondition) {                                                   \
-            KELLog_g_preconditionDetected = 1;                                               \
-        }                                                                                    \
-        KELLog_onAssertBreakpoint();                                                         \
+#define VESK_PRECONDITION_FAILED(function_, condition_text_)                       \
+    do {                                                                           \
+        VESK_LOG(KEL_LOG_BIT_EXCEPTION, function_, KEL_LOG_PRECONDITION_FAILURE_s, \
+                 "\"" condition_text_ "\"");                                       \
+        if (KELLog_g_detectPrecondition) {                                         \
+            KELLog_g_preconditionDetected = 1;                                     \
+        }                                                                          \
+        KELLog_onAssertBreakpoint();                                               \
     } while (0)
 
 // ---------------------------------------------------------------------------
@@ -280,7 +283,8 @@ extern "C" VESK_Transport_Handle_t VESK_Transport_Support_register_transport(
         return handle;
     }
 
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant_in);
+    KELNetioConfigurator *configurator =
+        DDS_DomainParticipant_get_netio_configuratorI(participant_in);
     REDAWorker *worker = DDS_DomainParticipant_get_workerI(participant_in);
 
     // At most one shared-memory transport per participant, whether the one
@@ -324,7 +328,8 @@ extern "C" VESK_Transport_Handle_t VESK_Transport_Support_lookup_transport(
         return handle;
     }
 
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant_in);
+    KELNetioConfigurator *configurator =
+        DDS_DomainParticipant_get_netio_configuratorI(participant_in);
     REDAWorker *worker = DDS_DomainParticipant_get_workerI(participant_in);
 
     if (!KELNetioConfigurator_queryTransportPlugin(configurator, &aliasList, network_address_out,
@@ -334,9 +339,8 @@ extern "C" VESK_Transport_Handle_t VESK_Transport_Support_lookup_transport(
     }
     // A failed conversion still returns the weak reference that the query
     // found, beside a null participant.
-    if (aliases_out != nullptr &&
-        DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(aliases_out, &aliasList) !=
-            DDS_RETCODE_OK) {
+    if (aliases_out != nullptr && DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(
+                                      aliases_out, &aliasList) != DDS_RETCODE_OK) {
         VESK_LOG_ERROR(METHOD_NAME, DDS_LOG_BAD_PARAMETER_s,
                        "aliases_in could not be converted from internal format");
         return handle;
@@ -388,10 +392,9 @@ DDS_ReturnCode_t addRoute(const char *method_name, RouteKind kind,
     int added = 0;
     if (kind == RouteKind::send) {
         const VESK_Transport_ClassId_t serviceClass = 0;
-        added = KELNetioConfigurator_addDestinationRoute(configurator, serviceClass,
-                                                         &serviceAddressRange,
-                                                         &transport_handle_in->_plugin_handle,
-                                                         nullptr, worker);
+        added = KELNetioConfigurator_addDestinationRoute(
+            configurator, serviceClass, &serviceAddressRange, &transport_handle_in->_plugin_handle,
+            nullptr, worker);
     } else {
         added = KELNetioConfigurator_addEntryportRoute(
             configurator, &serviceAddressRange, &transport_handle_in->_plugin_handle, worker);
@@ -470,7 +473,8 @@ extern "C" VESK_Transport_Plugin *VESK_Transport_Support_get_transport_plugin(
         VESK_LOG_ERROR(METHOD_NAME, DDS_LOG_BAD_PARAMETER_s, "alias_in must be  non-NULL");
         return nullptr;
     }
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant_in);
+    KELNetioConfigurator *configurator =
+        DDS_DomainParticipant_get_netio_configuratorI(participant_in);
     if (configurator == nullptr) {
         VESK_LOG_ERROR(METHOD_NAME, DDS_LOG_GET_FAILURE_s, "netio configurator not valid");
         return nullptr;
@@ -504,16 +508,6 @@ const DDS_Property_t *lookup(const DDS_PropertyQosPolicy *properties, const char
     return DDS_PropertyQosPolicyHelper_lookup_property_with_prefix(properties, prefix, suffix);
 }
 
-bool keywordApplies(const Keyword &keyword, VESK_Transport_ClassId_t classid) {
-    switch (keyword.classes) {
-        case KeywordClasses::all: return true;
-        case KeywordClasses::udpv4Family:
-            return classid == VESK_TRANSPORT_CLASSID_UDPv4 || classid == VESK_TRANSPORT_CLASSID_UDPv4_WAN;
-        case KeywordClasses::udpv6Only: return classid == VESK_TRANSPORT_CLASSID_UDPv6;
-    }
-    return false;
-}
-
 // The first keyword of the table that the value names, in table order.
 const Keyword *matchKeyword(const KeywordTable &table, const char *value,
                             VESK_Transport_ClassId_t classid) {
@@ -522,10 +516,10 @@ const Keyword *matchKeyword(const KeywordTable &table, const char *value,
         if (!keywordApplies(keyword, classid)) continue;
         // Ignoring case, the comparison covers the terminator too, so only
         // the whole keyword matches.
-        const bool equal = table.caseRule == CaseRule::exact
-                               ? REDAString_compare(value, keyword.text) == 0
-                               : REDAString_inCompare(value, keyword.text,
-                                                      std::strlen(keyword.text) + 1) == 0;
+        const bool equal =
+            table.caseRule == CaseRule::exact
+                ? REDAString_compare(value, keyword.text) == 0
+                : REDAString_inCompare(value, keyword.text, std::strlen(keyword.text) + 1) == 0;
         if (equal) return &keyword;
     }
     return nullptr;
@@ -549,7 +543,8 @@ void logConversionFailure(const char *method_name, const PropertyRow<Record> &ro
             VESK_LOG_FORMAT(KEL_LOG_BIT_ERROR, method_name, KEL_LOG_FAILED_TO_CONVERT_TEMPLATE,
                             "'%s' value", row.suffix);
             break;
-        case FailureMessage::ownMessages: break;
+        case FailureMessage::ownMessages:
+            break;
     }
 }
 
@@ -600,7 +595,9 @@ RowResult applyScalarRow(const char *method_name, const PropertyRow<Record> &row
             if (converted) record->*row.intField = parsed;
             break;
         }
-        default: converted = false; break;  // keywordOnly: no keyword matched
+        default:
+            converted = false;
+            break;  // keywordOnly: no keyword matched
     }
     if (!converted) {
         logConversionFailure(method_name, row, value);
@@ -613,7 +610,8 @@ constexpr const char *PARENT_SETUP = "VESK_Transport_setupParentTransportPropert
 constexpr const char *UDP_SETUP = "VESK_Transport_setupUDPProperty";
 constexpr const char *PARSE_INTERFACE_LIST = "VESK_Transport_Support_parse_interface_list";
 constexpr const char *PARSE_JSON = "VESK_Transport_CommPortsHelper_parseJson";
-constexpr const char *PARSE_JSON_MAPPING_NODE = "VESK_Transport_CommPortsHelper_parseJsonMappingNode";
+constexpr const char *PARSE_JSON_MAPPING_NODE =
+    "VESK_Transport_CommPortsHelper_parseJsonMappingNode";
 
 // The thread-name prefix: "parent.thread_name_prefix" is truncated to 8
 // characters with a warning; the older "thread_name_prefix" must fit.
@@ -635,7 +633,8 @@ RowResult applyThreadNamePrefix(const GenericRow &row, VESK_Transport_Property_t
         if (truncated == nullptr ||
             KELOsapiUtility_strncpy(truncated, maxLength, value, maxLength) == nullptr) {
             DDS_String_free(truncated);
-            VESK_LOG_ERROR(PARENT_SETUP, KEL_LOG_ANY_FAILURE_s, "truncate parent.thread_name_prefix");
+            VESK_LOG_ERROR(PARENT_SETUP, KEL_LOG_ANY_FAILURE_s,
+                           "truncate parent.thread_name_prefix");
             return rowFailed;
         }
         record->thread_name_prefix = truncated;
@@ -699,8 +698,7 @@ RowResult applyGuidPrefix(const GenericRow &row, VESK_Transport_Property_t *reco
 
 RowResult applyGenericRow(const GenericRow &row, VESK_Transport_Property_t *record,
                           VESK_Transport_internalMemoryAllocations *allocations,
-                          const DDS_PropertyQosPolicy *properties, const char *prefix,
-                          int *count) {
+                          const DDS_PropertyQosPolicy *properties, const char *prefix, int *count) {
     switch (row.conversion) {
         case Conversion::interfaceList: {
             const InterfaceList &list = *row.interfaceList;
@@ -715,8 +713,10 @@ RowResult applyGenericRow(const GenericRow &row, VESK_Transport_Property_t *reco
         }
         case Conversion::threadNamePrefix:
             return applyThreadNamePrefix(row, record, properties, prefix);
-        case Conversion::guidPrefix: return applyGuidPrefix(row, record, properties, prefix);
-        default: break;
+        case Conversion::guidPrefix:
+            return applyGuidPrefix(row, record, properties, prefix);
+        default:
+            break;
     }
     const DDS_Property_t *property = lookup(properties, prefix, row.suffix);
     if (property == nullptr) return rowAbsent;
@@ -771,7 +771,8 @@ RowResult applyUdpRow(const UdpRow &row, VESK_Transport_UDP_Property_t *record,
             }
             allocations->_publicAddressAllocated = 1;
             return rowApplied;
-        case Conversion::commPorts: return applyCommPorts(row, record, allocations, value);
+        case Conversion::commPorts:
+            return applyCommPorts(row, record, allocations, value);
         case Conversion::pointer: {
             void *listener = nullptr;
             if (!KELOsapiUtility_strtoptr(value, &listener)) {
@@ -781,7 +782,8 @@ RowResult applyUdpRow(const UdpRow &row, VESK_Transport_UDP_Property_t *record,
             record->wan_listener = static_cast<VESK_Transport_UDP_WAN_Listener *>(listener);
             return rowApplied;
         }
-        default: return applyScalarRow(UDP_SETUP, row, record, value, classid);
+        default:
+            return applyScalarRow(UDP_SETUP, row, record, value, classid);
     }
 }
 
@@ -807,7 +809,8 @@ bool udpValidationLists(VESK_Transport_ClassId_t classid, ValidationLists *lists
             *lists = {PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV6,
                       PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV6};
             return true;
-        default: return false;
+        default:
+            return false;
     }
 }
 
@@ -852,10 +855,15 @@ extern "C" int VESK_Transport_Support_parse_interface_list(
     const DDS_Property_t *property =
         lookup(transport_properties, property_prefix, interface_suffix_property_name);
     if (property == nullptr) {
-        property = lookup(transport_properties, property_prefix, interface_list_suffix_property_name);
+        property =
+            lookup(transport_properties, property_prefix, interface_list_suffix_property_name);
     }
     if (property == nullptr) return 1;
 
+    // The list as the caller handed it in: on a failure before our array
+    // replaces it, the finalizer must see the caller's own length.
+    char **const callerList = *interfaces_list;
+    const KEL_INT32 callerLength = *interfaces_list_length;
     bool ok = false;
     DDS_StringSeq pieces = DDS_SEQUENCE_INITIALIZER;
     if (DDS_StringSeq_from_delimited_string(&pieces, property->value, ',') != DDS_RETCODE_OK) {
@@ -893,6 +901,7 @@ extern "C" int VESK_Transport_Support_parse_interface_list(
         ok = false;
     }
     if (!ok) {
+        if (*interfaces_list == callerList) *interfaces_list_length = callerLength;
         VESK_Transport_Property_finalize_interface_list(interfaces_list, interfaces_list_length);
         if (is_memory_allocated != nullptr) *is_memory_allocated = 0;
         return 0;
@@ -919,8 +928,8 @@ extern "C" void VESK_Transport_cleanupParentTransportProperty(
     const struct VESK_Transport_internalMemoryAllocations *memory_allocated) {
     if (transport_property == nullptr) return;
     // A list whose flag is clear belongs to someone else.
-    for (const InterfaceList *list :
-         {&ALLOW_INTERFACES, &DENY_INTERFACES, &ALLOW_MULTICAST_INTERFACES, &DENY_MULTICAST_INTERFACES}) {
+    for (const InterfaceList *list : {&ALLOW_INTERFACES, &DENY_INTERFACES,
+                                      &ALLOW_MULTICAST_INTERFACES, &DENY_MULTICAST_INTERFACES}) {
         if (memory_allocated->*list->flag) {
             VESK_Transport_Property_finalize_interface_list(&(transport_property->*list->list),
                                                             &(transport_property->*list->length));
@@ -951,7 +960,8 @@ extern "C" int VESK_Transport_setupUDPProperty(
     }
 
     if (checkAllPropertiesExpected) {
-        if (const DDS_Property_t *prefixProperty = lookup(udp_transport_properties, nullptr, "prefix")) {
+        if (const DDS_Property_t *prefixProperty =
+                lookup(udp_transport_properties, nullptr, "prefix")) {
             prefix = prefixProperty->value;
             ++propertiesParsed;
         }
@@ -1185,20 +1195,20 @@ constexpr const char *SHMEM_SETUP = "VESK_Transport_setupShmemProperty";
 
 // Absent, or 0.0.0.0: no minimum.
 bool minimumVersionGiven(const DDS_ProductVersion_t *version) {
-    return version != nullptr &&
-           (version->major != 0 || version->minor != 0 || version->release != 0 ||
-            version->revision != 0);
+    return version != nullptr && (version->major != 0 || version->minor != 0 ||
+                                  version->release != 0 || version->revision != 0);
 }
 
 RowResult applyShmemSettingRow(const ShmemRow &row, VESK_Transport_Shmem_Property_t *record,
                                const DDS_PropertyQosPolicy *properties) {
     // The UDP debugging destination is not even read while debugging is off.
     if (row.needsUdpDebugging && !record->enable_udp_debugging) return rowAbsent;
-    const DDS_Property_t *property = DDS_PropertyQosPolicyHelper_lookup_property(properties, row.suffix);
+    const DDS_Property_t *property =
+        DDS_PropertyQosPolicyHelper_lookup_property(properties, row.suffix);
     if (property == nullptr) return rowAbsent;
     if (row.conversion == Conversion::transportAddress) {
-        if (!VESK_Transport_SocketUtil_StringAddress_to_transportAddress(&(record->*row.addressField),
-                                                                         property->value, 1)) {
+        if (!VESK_Transport_SocketUtil_StringAddress_to_transportAddress(
+                &(record->*row.addressField), property->value, 1)) {
             VESK_LOG_ERROR(SHMEM_SETUP, KEL_LOG_ANY_FAILURE_s, "resolve UDP debugging IP address");
             return rowFailed;
         }
@@ -1245,7 +1255,8 @@ int settleHostIdentity(VESK_Transport_Shmem_Property_t *record,
                        const DDS_PropertyQosPolicy *properties,
                        const DDS_WireProtocolQosPolicy *wireProtocol,
                        DDS_RtpsAppIdGenerator *generator,
-                       const DDS_ProductVersion_t *minimum_compatibility_version, KEL_UINT32 *hostId) {
+                       const DDS_ProductVersion_t *minimum_compatibility_version,
+                       KEL_UINT32 *hostId) {
     const ShmemRow &hostIdRow = SHMEM_IDENTITY_ROWS[1];
     const ShmemRow &locatorRow = SHMEM_IDENTITY_ROWS[2];
     int count = 0;
@@ -1253,7 +1264,8 @@ int settleHostIdentity(VESK_Transport_Shmem_Property_t *record,
             DDS_PropertyQosPolicyHelper_lookup_property(properties, hostIdRow.suffix)) {
         // The property wins; the wire-protocol settings are not consulted.
         if (!KELOsapiUtility_strtoul(property->value, hostId)) {
-            VESK_LOG_ERROR(SHMEM_SETUP, KEL_LOG_PARSER_FAILURE_ss, hostIdRow.suffix, property->value);
+            VESK_LOG_ERROR(SHMEM_SETUP, KEL_LOG_PARSER_FAILURE_ss, hostIdRow.suffix,
+                           property->value);
             return -1;
         }
         return 1;
@@ -1335,8 +1347,10 @@ extern "C" int VESK_Transport_setupShmemProperty(
         prefix = prefixProperty->value;
         ++count;
     }
-    DDS_PropertyQosPolicyValidationAction action = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION;
-    if (!DDS_PropertyQosPolicy_parse_property_validation_action(&action, shmem_transport_properties)) {
+    DDS_PropertyQosPolicyValidationAction action =
+        DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION;
+    if (!DDS_PropertyQosPolicy_parse_property_validation_action(&action,
+                                                                shmem_transport_properties)) {
         VESK_LOG_ERROR(SHMEM_SETUP, KEL_LOG_PARSER_FAILURE_s, "property_validation_action");
         return -1;
     }
@@ -1349,7 +1363,8 @@ extern "C" int VESK_Transport_setupShmemProperty(
     }
 
     for (const ShmemRow &row : SHMEM_SETTING_ROWS) {
-        const RowResult result = applyShmemSettingRow(row, shmem_property_out, shmem_transport_properties);
+        const RowResult result =
+            applyShmemSettingRow(row, shmem_property_out, shmem_transport_properties);
         if (result == rowFailed) return -1;
         count += result;
     }
@@ -1357,16 +1372,15 @@ extern "C" int VESK_Transport_setupShmemProperty(
     count += chooseFormatVersion(shmem_property_out, minimum_compatibility_version);
 
     const ShmemRow &disableRow = SHMEM_IDENTITY_ROWS[0];
-    if (const DDS_Property_t *property =
-            DDS_PropertyQosPolicyHelper_lookup_property(shmem_transport_properties, disableRow.suffix)) {
+    if (const DDS_Property_t *property = DDS_PropertyQosPolicyHelper_lookup_property(
+            shmem_transport_properties, disableRow.suffix)) {
         if (REDAString_iCompare(property->value, "true") == 0) shmem_property_out->reserved = 1;
         ++count;  // counted whatever its value
     }
 
-    const int identityCount =
-        settleHostIdentity(shmem_property_out, shmem_transport_properties,
-                           cached_wire_protocol_qos_policy_in, rtps_app_id_generator_in,
-                           minimum_compatibility_version, &hostId);
+    const int identityCount = settleHostIdentity(
+        shmem_property_out, shmem_transport_properties, cached_wire_protocol_qos_policy_in,
+        rtps_app_id_generator_in, minimum_compatibility_version, &hostId);
     if (identityCount < 0) return -1;
     count += identityCount;
 
@@ -1442,17 +1456,20 @@ constexpr auto shmemPrivate = makeSuffixList<shmemClass, false>();
 
 }  // namespace
 
-extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV4 = udpv4Public.data();
+extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV4 =
+    udpv4Public.data();
 extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV4 =
     udpv4Private.data();
 extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV4_WAN =
     udpv4WanPublic.data();
 extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV4_WAN =
     udpv4WanPrivate.data();
-extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV6 = udpv6Public.data();
+extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_UDPV6 =
+    udpv6Public.data();
 extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV6 =
     udpv6Private.data();
-extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_SHMEM = shmemPublic.data();
+extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_SHMEM =
+    shmemPublic.data();
 extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_SHMEM =
     shmemPrivate.data();
 
@@ -1578,10 +1595,12 @@ constexpr VESK_Transport_Shmem_Property_t shmemDefault() {
 
 }  // namespace
 
-extern "C" const VESK_Transport_UDP_Property_t VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT = udpv4Default();
+extern "C" const VESK_Transport_UDP_Property_t VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT =
+    udpv4Default();
 extern "C" const VESK_Transport_UDP_Property_t VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT =
     udpv4WanDefault();
-extern "C" const VESK_Transport_UDP_Property_t VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT = udpv6Default();
+extern "C" const VESK_Transport_UDP_Property_t VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT =
+    udpv6Default();
 extern "C" const VESK_Transport_Shmem_Property_t VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT =
     shmemDefault();
 
@@ -1595,23 +1614,29 @@ struct UdpFactory {
                  const DDS_PropertyQosPolicy *, const char *);
     VESK_Transport_Plugin *(*construct)(const VESK_Transport_UDP_Property_t *,
                                         VESK_Transport_Address_t *, void *);
-    void (*cleanup)(VESK_Transport_UDP_Property_t *, const VESK_Transport_internalMemoryAllocations *);
+    void (*cleanup)(VESK_Transport_UDP_Property_t *,
+                    const VESK_Transport_internalMemoryAllocations *);
     const char *creationFailure;
 };
 
-const UdpFactory UDPV4_FACTORY = {
-    "VESK_Transport_UDPv4_create_from_properties_with_prefix", &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT,
-    VESK_Transport_setupUDPv4Property, VESK_Transport_UDPv4_newI, VESK_Transport_cleanupUDPv4Property,
-    "UDPv4 Transport: Properties not properly set"};
-const UdpFactory UDPV4_WAN_FACTORY = {
-    "VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix",
-    &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT, VESK_Transport_setupUDPv4WanProperty,
-    VESK_Transport_UDPv4_WAN_newI, VESK_Transport_cleanupUDPv4WanProperty,
-    "UDPv4_WAN Transport: Properties not properly set"};
-const UdpFactory UDPV6_FACTORY = {
-    "VESK_Transport_UDPv6_create_from_properties_with_prefix", &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT,
-    VESK_Transport_setupUDPv6Property, VESK_Transport_UDPv6_newI, VESK_Transport_cleanupUDPv6Property,
-    "UDPv6 Transport: Properties not properly set"};
+const UdpFactory UDPV4_FACTORY = {"VESK_Transport_UDPv4_create_from_properties_with_prefix",
+                                  &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT,
+                                  VESK_Transport_setupUDPv4Property,
+                                  VESK_Transport_UDPv4_newI,
+                                  VESK_Transport_cleanupUDPv4Property,
+                                  "UDPv4 Transport: Properties not properly set"};
+const UdpFactory UDPV4_WAN_FACTORY = {"VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix",
+                                      &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT,
+                                      VESK_Transport_setupUDPv4WanProperty,
+                                      VESK_Transport_UDPv4_WAN_newI,
+                                      VESK_Transport_cleanupUDPv4WanProperty,
+                                      "UDPv4_WAN Transport: Properties not properly set"};
+const UdpFactory UDPV6_FACTORY = {"VESK_Transport_UDPv6_create_from_properties_with_prefix",
+                                  &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT,
+                                  VESK_Transport_setupUDPv6Property,
+                                  VESK_Transport_UDPv6_newI,
+                                  VESK_Transport_cleanupUDPv6Property,
+                                  "UDPv6 Transport: Properties not properly set"};
 
 // The caller's default_network_address_out is neither read nor written.
 VESK_Transport_Plugin *createUdpTransport(const UdpFactory &factory,
@@ -1701,7 +1726,8 @@ namespace {
 
 bool isUdpClass(VESK_Transport_ClassId_t classid) {
     return classid == VESK_TRANSPORT_CLASSID_UDPv4 || classid == VESK_TRANSPORT_CLASSID_UDPv6 ||
-           classid == VESK_TRANSPORT_CLASSID_UDPv6_510 || classid == VESK_TRANSPORT_CLASSID_UDPv4_WAN;
+           classid == VESK_TRANSPORT_CLASSID_UDPv6_510 ||
+           classid == VESK_TRANSPORT_CLASSID_UDPv4_WAN;
 }
 
 // A participant without a configurator has no transport installed.
@@ -1722,14 +1748,13 @@ bool controlMessageEnabled(const REDAWorker *worker) {
     return context != nullptr && (context->category & KELLog_g_categoryMask[2]) != 0;
 }
 
-#define VESK_LOG_CONTROL(worker_, function_, template_, ...)                                  \
-    do {                                                                                     \
-        if (controlMessageEnabled(worker_)) {                                                \
-            KELLogMessageParamString_printWithParams(-1, KEL_LOG_BIT_ERROR,                  \
-                                                     VESK_TRANSPORT_LOG_MODULE_ID, __FILE__, \
-                                                     __LINE__, (function_), &(template_),    \
-                                                     __VA_ARGS__);                           \
-        }                                                                                    \
+#define VESK_LOG_CONTROL(worker_, function_, template_, ...)                             \
+    do {                                                                                 \
+        if (controlMessageEnabled(worker_)) {                                            \
+            KELLogMessageParamString_printWithParams(                                    \
+                -1, KEL_LOG_BIT_ERROR, VESK_TRANSPORT_LOG_MODULE_ID, __FILE__, __LINE__, \
+                (function_), &(template_), __VA_ARGS__);                                 \
+        }                                                                                \
     } while (0)
 
 DDS_ReturnCode_t wholeStatistics(DDS_DomainParticipant *participant,
@@ -1747,7 +1772,9 @@ DDS_ReturnCode_t wholeStatistics(DDS_DomainParticipant *participant,
     return DDS_RETCODE_OK;
 }
 
-KEL_UINT64 atomicLoad(KEL_UINT64 &counter) { return std::atomic_ref<KEL_UINT64>(counter).load(); }
+KEL_UINT64 atomicLoad(KEL_UINT64 &counter) {
+    return std::atomic_ref<KEL_UINT64>(counter).load();
+}
 
 }  // namespace
 
@@ -1771,7 +1798,8 @@ extern "C" DDS_ReturnCode_t VESK_Transport_Support_get_udp_liveliness_statistics
     static const char *const METHOD_NAME = "VESK_Transport_Support_get_udp_liveliness_statistics";
     if (participant_in == nullptr) return DDS_RETCODE_BAD_PARAMETER;
     if (!isUdpClass(transport_class_id)) return DDS_RETCODE_BAD_PARAMETER;
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant_in);
+    KELNetioConfigurator *configurator =
+        DDS_DomainParticipant_get_netio_configuratorI(participant_in);
     if (configurator == nullptr) {
         VESK_LOG_ERROR(METHOD_NAME, DDS_LOG_GET_FAILURE_s, "configurator");
         return DDS_RETCODE_BAD_PARAMETER;
@@ -1800,8 +1828,8 @@ extern "C" DDS_ReturnCode_t VESK_Transport_Support_get_udp_liveliness_statistics
         KEL_UINT64 &source;
     };
     const Output outputs[] = {
-        {packets_sent, shared ? statistics._liveliness_packets_sent
-                              : statistics.manual_liveliness_packets_sent},
+        {packets_sent,
+         shared ? statistics._liveliness_packets_sent : statistics.manual_liveliness_packets_sent},
         {bytes_sent,
          shared ? statistics._liveliness_bytes_sent : statistics.manual_liveliness_bytes_sent},
         {packets_received, shared ? statistics._liveliness_packets_received
@@ -1839,7 +1867,8 @@ extern "C" DDS_ReturnCode_t VESK_Transport_Support_remove_fake_ipv4_address(
     DDS_DomainParticipant *participant_in) {
     if (participant_in == nullptr) return DDS_RETCODE_BAD_PARAMETER;
     // Only the plain UDPv4 transport; a WAN transport keeps its fake address.
-    if (VESK_Transport_Plugin *plugin = pluginOfClass(participant_in, VESK_TRANSPORT_CLASSID_UDPv4)) {
+    if (VESK_Transport_Plugin *plugin =
+            pluginOfClass(participant_in, VESK_TRANSPORT_CLASSID_UDPv4)) {
         VESK_Transport_UDP_remove_fake_ip_address(plugin);
     }
     return DDS_RETCODE_OK;
@@ -1918,7 +1947,8 @@ extern "C" DDS_ReturnCode_t VESK_Transport_Support_change_binding_ping_generatio
                          static_cast<int>(VESK_TRANSPORT_CLASSID_UDPv4_WAN));
         return DDS_RETCODE_PRECONDITION_NOT_MET;
     }
-    if (!VESK_Transport_UDP_change_binding_ping_generation(plugin, enable_binding_ping_generation)) {
+    if (!VESK_Transport_UDP_change_binding_ping_generation(plugin,
+                                                           enable_binding_ping_generation)) {
         VESK_LOG_CONTROL(worker, METHOD_NAME, KEL_LOG_FAILED_TO_MODIFY_TEMPLATE,
                          "binding ping generation status to %s",
                          enable_binding_ping_generation ? "ENABLED" : "DISABLED");

@@ -139,31 +139,36 @@ void VESK_Transport_cleanupParentTransportProperty(
  * list is the transport's own: its names are then validated (property
  * "prefix" and DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME). The record's
  * comm_ports_list must be null. */
-int VESK_Transport_setupUDPProperty(struct VESK_Transport_UDP_Property_t *udp_property_out,
-                                    struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
-                                    const struct DDS_PropertyQosPolicy *udp_transport_properties,
-                                    const char *propertyPrefix, VESK_Transport_ClassId_t classid);
-void VESK_Transport_cleanupUDPProperty(struct VESK_Transport_UDP_Property_t *udp_property,
-                                       const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
+int VESK_Transport_setupUDPProperty(
+    struct VESK_Transport_UDP_Property_t *udp_property_out,
+    struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
+    const struct DDS_PropertyQosPolicy *udp_transport_properties, const char *propertyPrefix,
+    VESK_Transport_ClassId_t classid);
+void VESK_Transport_cleanupUDPProperty(
+    struct VESK_Transport_UDP_Property_t *udp_property,
+    const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
 
-int VESK_Transport_setupUDPv4Property(struct VESK_Transport_UDP_Property_t *udpv4_property_out,
-                                      struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
-                                      const struct DDS_PropertyQosPolicy *udpv4_transport_properties,
-                                      const char *propertyPrefix);
-int VESK_Transport_setupUDPv4WanProperty(struct VESK_Transport_UDP_Property_t *udpv4_property_out,
-                                         struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
-                                         const struct DDS_PropertyQosPolicy *udpv4_transport_properties,
-                                         const char *propertyPrefix);
-int VESK_Transport_setupUDPv6Property(struct VESK_Transport_UDP_Property_t *udpv6_property_out,
-                                      struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
-                                      const struct DDS_PropertyQosPolicy *udpv6_transport_properties,
-                                      const char *propertyPrefix);
-void VESK_Transport_cleanupUDPv4Property(struct VESK_Transport_UDP_Property_t *udpv4_property,
-                                         const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
-void VESK_Transport_cleanupUDPv4WanProperty(struct VESK_Transport_UDP_Property_t *udpv4_wan_property,
-                                            const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
-void VESK_Transport_cleanupUDPv6Property(struct VESK_Transport_UDP_Property_t *udpv6_property,
-                                         const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
+int VESK_Transport_setupUDPv4Property(
+    struct VESK_Transport_UDP_Property_t *udpv4_property_out,
+    struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
+    const struct DDS_PropertyQosPolicy *udpv4_transport_properties, const char *propertyPrefix);
+int VESK_Transport_setupUDPv4WanProperty(
+    struct VESK_Transport_UDP_Property_t *udpv4_property_out,
+    struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
+    const struct DDS_PropertyQosPolicy *udpv4_transport_properties, const char *propertyPrefix);
+int VESK_Transport_setupUDPv6Property(
+    struct VESK_Transport_UDP_Property_t *udpv6_property_out,
+    struct VESK_Transport_internalMemoryAllocations *memory_allocated_out,
+    const struct DDS_PropertyQosPolicy *udpv6_transport_properties, const char *propertyPrefix);
+void VESK_Transport_cleanupUDPv4Property(
+    struct VESK_Transport_UDP_Property_t *udpv4_property,
+    const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
+void VESK_Transport_cleanupUDPv4WanProperty(
+    struct VESK_Transport_UDP_Property_t *udpv4_wan_property,
+    const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
+void VESK_Transport_cleanupUDPv6Property(
+    struct VESK_Transport_UDP_Property_t *udpv6_property,
+    const struct VESK_Transport_internalMemoryAllocations *memory_allocated);
 
 /* The shared-memory record, from the transport's own list (names without
  * prefix, always validated). The format version follows from the oldest
@@ -225,17 +230,20 @@ VESK_Transport_Plugin *VESK_Transport_UDPv6_create_from_properties_with_prefix(
     const struct DDS_PropertyQosPolicy *property_in, const char *propertyPrefix);
 /* The shared-memory transport from its own list, with the format chosen
  * for minimum_compatibility_version (null or 0.0.0.0: no minimum). */
-VESK_Transport_Plugin *VESK_Transport_Shmem_create(VESK_Transport_Address_t *default_network_address_out,
-                                                   const struct DDS_PropertyQosPolicy *property_in,
-                                                   const DDS_ProductVersion_t *minimum_compatibility_version);
+VESK_Transport_Plugin *VESK_Transport_Shmem_create(
+    VESK_Transport_Address_t *default_network_address_out,
+    const struct DDS_PropertyQosPolicy *property_in,
+    const DDS_ProductVersion_t *minimum_compatibility_version);
 /* The same with a null prefix. */
-VESK_Transport_Plugin *VESK_Transport_UDPv4_create(VESK_Transport_Address_t *default_network_address_out,
-                                                   const struct DDS_PropertyQosPolicy *property_in);
+VESK_Transport_Plugin *VESK_Transport_UDPv4_create(
+    VESK_Transport_Address_t *default_network_address_out,
+    const struct DDS_PropertyQosPolicy *property_in);
 VESK_Transport_Plugin *VESK_Transport_UDPv4_WAN_create(
     VESK_Transport_Address_t *default_network_address_out,
     const struct DDS_PropertyQosPolicy *property_in);
-VESK_Transport_Plugin *VESK_Transport_UDPv6_create(VESK_Transport_Address_t *default_network_address_out,
-                                                   const struct DDS_PropertyQosPolicy *property_in);
+VESK_Transport_Plugin *VESK_Transport_UDPv6_create(
+    VESK_Transport_Address_t *default_network_address_out,
+    const struct DDS_PropertyQosPolicy *property_in);
 
 /* =====================================================================
  * 4. Run-time control and statistics of UDP transports
@@ -264,14 +272,15 @@ DDS_ReturnCode_t VESK_Transport_Support_get_udp_liveliness_statistics(
 /* Makes the UDPv4 (1) or UDPv4 WAN (0x01000001) transport report address as
  * its own; DDS_RETCODE_PRECONDITION_NOT_MET when that transport is not
  * installed. Nothing is logged. */
-DDS_ReturnCode_t VESK_Transport_Support_assert_fake_address(DDS_DomainParticipant *participant_in,
-                                                           VESK_Transport_Address_t *address,
-                                                           VESK_Transport_ClassId_t transport_class_id);
+DDS_ReturnCode_t VESK_Transport_Support_assert_fake_address(
+    DDS_DomainParticipant *participant_in, VESK_Transport_Address_t *address,
+    VESK_Transport_ClassId_t transport_class_id);
 DDS_ReturnCode_t VESK_Transport_Support_assert_fake_ipv4_address(
     DDS_DomainParticipant *participant_in, VESK_Transport_Address_t *address);
 /* Drops the UDPv4 transport's fake address; DDS_RETCODE_OK also when there
  * is no UDPv4 transport. */
-DDS_ReturnCode_t VESK_Transport_Support_remove_fake_ipv4_address(DDS_DomainParticipant *participant_in);
+DDS_ReturnCode_t VESK_Transport_Support_remove_fake_ipv4_address(
+    DDS_DomainParticipant *participant_in);
 
 /* Forces one interface of the UDPv4, UDPv6 or UDPv4 WAN transport up or
  * down. DDS_RETCODE_ERROR when the transport does not use that interface. */
