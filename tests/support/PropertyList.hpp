@@ -1,0 +1,47 @@
+// A property list for tests: builds a DDS_PropertyQosPolicy on the library
+// heap and releases it when it goes out of scope.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+#include <utility>
+
+#include "vesk_transport/platform/Property.h"
+
+namespace vesk::test {
+
+class PropertyList {
+public:
+    using NameValue = std::pair<std::string, std::string>;
+
+    PropertyList() = default;
+    PropertyList(std::initializer_list<NameValue> properties) {
+        for (const auto &[name, value] : properties) add(name, value);
+    }
+    ~PropertyList() { DDS_PropertyQosPolicy_finalize(&policy_); }
+    PropertyList(const PropertyList &) = delete;
+    PropertyList &operator=(const PropertyList &) = delete;
+
+    // Adds one property; a name that is already there fails the test.
+    PropertyList &add(const std::string &name, const std::string &value) {
+        EXPECT_EQ(DDS_RETCODE_OK, DDS_PropertyQosPolicyHelper_add_property(
+                                      &policy_, name.c_str(), value.c_str(), DDS_BOOLEAN_FALSE))
+            << name;
+        return *this;
+    }
+    // Adds prefix + '.' + suffix (the suffix alone for an empty prefix).
+    PropertyList &add(const std::string &prefix, const std::string &suffix,
+                      const std::string &value) {
+        return add(prefix.empty() ? suffix : prefix + "." + suffix, value);
+    }
+
+    const DDS_PropertyQosPolicy *get() const { return &policy_; }
+    DDS_PropertyQosPolicy *get() { return &policy_; }
+
+private:
+    DDS_PropertyQosPolicy policy_ = DDS_PropertyQosPolicy_INITIALIZER;
+};
+
+}  // namespace vesk::test
