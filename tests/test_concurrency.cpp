@@ -1,0 +1,279 @@
+// Several threads at once: the factories of every class reading shared
+// property lists, one thread counting traffic on installed UDP plugins and
+// others reading statistics from them. Run under ThreadSanitizer in CI
+// (preset tsan); the checks here catch torn snapshots and lost counts in
+// any build.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TestSupport.hpp"
+#include "vesk_transport/Support.h"
+
+namespace {
+
+constexpr int kFactoryRounds = 25;
+constexpr int kCounts = 20000;
+constexpr KEL_UINT64 kUserBytes = 100;
+constexpr KEL_UINT64 kLivelinessBytes = 10;
+
+class Properties {
+public:
+    Properties(std::initializer_list<std::pair<const char *, const char *>> properties) {
+        for (const auto &[name, value] : properties) {
+            EXPECT_EQ(DDS_RETCODE_OK, DDS_PropertyQosPolicyHelper_add_property(
+                                          &policy_, name, value, DDS_BOOLEAN_FALSE));
+        }
+    }
+    ~Properties() { DDS_PropertyQosPolicy_finalize(&policy_); }
+    Properties(const Properties &) = delete;
+    Properties &operator=(const Properties &) = delete;
+    const DDS_PropertyQosPolicy *get() const { return &policy_; }
+
+private:
+    DDS_PropertyQosPolicy policy_ = DDS_PropertyQosPolicy_INITIALIZER;
+};
+
+// The first problem a thread saw; checked once the threads are joined.
+struct Trouble {
+    std::string first;
+    void note(bool ok, const std::string &what) {
+        if (!ok && first.empty()) first = what;
+    }
+};
+
+struct ParticipantDeleter {
+    void operator()(DDS_DomainParticipant *participant) const {
+        DDS_DomainParticipant_delete(participant);
+    }
+};
+using ParticipantPtr = std::unique_ptr<DDS_DomainParticipant, ParticipantDeleter>;
+
+// A disabled participant without builtin transports, holding the plugin.
+ParticipantPtr participantWith(VESK_Transport_Plugin *plugin, const char *alias) {
+    DDS_DomainParticipantOptions options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
+    options.transport_builtin_mask = 0;
+    ParticipantPtr participant(DDS_DomainParticipant_create(&options));
+    EXPECT_NE(participant, nullptr);
+    EXPECT_NE(plugin, nullptr);
+    if (participant == nullptr || plugin == nullptr) return participant;
+    DDS_StringSeq aliases = DDS_SEQUENCE_INITIALIZER;
+    EXPECT_TRUE(DDS_StringSeq_append(&aliases, alias));
+    const VESK_Transport_Address_t address{};
+    const VESK_Transport_Handle_t handle =
+        VESK_Transport_Support_register_transport(participant.get(), plugin, &aliases, &address);
+    DDS_StringSeq_finalize(&aliases);
+    EXPECT_NE(handle._participant, nullptr);
+    if (handle._participant == nullptr) plugin->delete_cEA(plugin, nullptr);
+    return participant;
+}
+
+// The counts made so far, whole: every USER_DATA count adds one packet of
+// kUserBytes, every AUTOMATIC_LIVELINESS count one packet of
+// kLivelinessBytes to both liveliness groups.
+void checkSnapshot(const VESK_Transport_UDP_Statistics &s,
+                   const VESK_Transport_UDP_Statistics &previous, Trouble &trouble) {
+    trouble.note(s.user_bytes_sent == kUserBytes * s.user_packets_sent, "torn user-data counters");
+    trouble.note(
+        s.automatic_liveliness_bytes_sent == kLivelinessBytes * s.automatic_liveliness_packets_sent,
+        "torn automatic-liveliness counters");
+    trouble.note(s._liveliness_packets_sent == s.automatic_liveliness_packets_sent &&
+                     s._liveliness_bytes_sent == s.automatic_liveliness_bytes_sent,
+                 "a liveliness count is in one group but not the other");
+    trouble.note(
+        s.user_packets_sent >= previous.user_packets_sent &&
+            s.automatic_liveliness_packets_sent >= previous.automatic_liveliness_packets_sent,
+        "a later snapshot holds fewer counts");
+    trouble.note(s.user_packets_sent <= static_cast<KEL_UINT64>(kCounts), "more counts than made");
+}
+
+TEST(Concurrency, FactoriesStatisticsAndCountingAtOnce) {
+    // Only the sweeping thread's refusals are reported.
+    vesk::test::LogCapture capture(VESK_CONFIG_LOG_VERBOSITY_WARNING);
+    // Shared, read-only property lists: factories only read them.
+    const Properties udpv4List{{"parent.allow_interfaces_list", "lo, 127.0.0.1"},
+                               {"parent.thread_name_prefix", "conc"},
+                               {"ignore_loopback_interface", "0"},
+                               {"multicast_ttl", "3"}};
+    const Properties wanList{
+        {"public_address", "192.0.2.7"},
+        {"comm_ports", R"({"default":{"rtps":7400,"host":7400},"mappings":[{"rtps":1}]})"},
+        {"parent.deny_interfaces", "eth99"}};
+    const Properties udpv6List{{"p.parent.allow_multicast_interfaces", "lo"},
+                               {"p.use_checksum", "1"}};
+    const Properties shmemList{{"received_message_count_max", "16"}, {"host_id", "9"}};
+
+    ParticipantPtr v4Participant =
+        participantWith(VESK_Transport_UDPv4_create(nullptr, udpv4List.get()), "conc.udpv4");
+    ParticipantPtr wanParticipant =
+        participantWith(VESK_Transport_UDPv4_WAN_create(nullptr, wanList.get()), "conc.wan");
+    ASSERT_NE(v4Participant, nullptr);
+    ASSERT_NE(wanParticipant, nullptr);
+    VESK_Transport_Plugin *v4 =
+        VESK_Transport_Support_get_transport_plugin(v4Participant.get(), "conc.udpv4");
+    VESK_Transport_Plugin *wan =
+        VESK_Transport_Support_get_transport_plugin(wanParticipant.get(), "conc.wan");
+    ASSERT_NE(v4, nullptr);
+    ASSERT_NE(wan, nullptr);
+
+    std::atomic<bool> go{false};
+    std::atomic<bool> countingDone{false};
+    Trouble counterTrouble, factoryTrouble[2], readerTrouble[2], sweepTrouble;
+    std::vector<std::thread> threads;
+
+    // One thread counts on both plugins.
+    threads.emplace_back([&] {
+        while (!go.load()) std::this_thread::yield();
+        for (int i = 0; i < kCounts; ++i) {
+            for (VESK_Transport_Plugin *plugin : {v4, wan}) {
+                counterTrouble.note(VESK_Transport_UDP_count_traffic(
+                                        plugin, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+                                        VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, kUserBytes) != 0,
+                                    "count_traffic refused user data");
+                counterTrouble.note(VESK_Transport_UDP_count_traffic(
+                                        plugin, VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
+                                        VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, kLivelinessBytes) != 0,
+                                    "count_traffic refused liveliness");
+            }
+        }
+        countingDone.store(true);
+    });
+
+    // Two threads read while the counting goes on: through the participant
+    // (UDPv4, and the WAN fallback), the plugin and the liveliness counters.
+    for (Trouble &trouble : readerTrouble) {
+        threads.emplace_back([&] {
+            while (!go.load()) std::this_thread::yield();
+            VESK_Transport_UDP_Statistics previousV4{}, previousWan{}, previousPlugin{};
+            bool last = false;
+            while (!last) {
+                last = countingDone.load();
+                VESK_Transport_UDP_Statistics s{};
+                trouble.note(VESK_Transport_Support_get_udpv4_statistics(v4Participant.get(), &s) ==
+                                 DDS_RETCODE_OK,
+                             "get_udpv4_statistics failed");
+                checkSnapshot(s, previousV4, trouble);
+                previousV4 = s;
+                trouble.note(VESK_Transport_Support_get_udpv4_statistics(wanParticipant.get(),
+                                                                         &s) == DDS_RETCODE_OK,
+                             "get_udpv4_statistics found no WAN transport");
+                checkSnapshot(s, previousWan, trouble);
+                previousWan = s;
+                trouble.note(VESK_Transport_UDP_get_statistics(v4, &s) != 0,
+                             "get_statistics failed");
+                checkSnapshot(s, previousPlugin, trouble);
+                previousPlugin = s;
+                KEL_UINT64 packets = 0, bytes = 0;
+                trouble.note(VESK_Transport_Support_get_udp_liveliness_statistics(
+                                 wanParticipant.get(), &packets, &bytes, nullptr, nullptr,
+                                 VESK_TRANSPORT_CLASSID_UDPv4_WAN, 0, 1) == DDS_RETCODE_OK,
+                             "get_udp_liveliness_statistics failed");
+                trouble.note(bytes == kLivelinessBytes * packets, "torn liveliness read");
+                trouble.note(VESK_Transport_Support_get_udpv6_statistics(v4Participant.get(), &s) ==
+                                 DDS_RETCODE_NO_DATA,
+                             "a UDPv6 transport appeared");
+            }
+            trouble.note(previousV4.user_packets_sent == static_cast<KEL_UINT64>(kCounts) &&
+                             previousWan.user_packets_sent == static_cast<KEL_UINT64>(kCounts),
+                         "the last snapshot misses counts");
+        });
+    }
+
+    // Two threads build transports of every class from the shared lists.
+    for (Trouble &trouble : factoryTrouble) {
+        threads.emplace_back([&] {
+            while (!go.load()) std::this_thread::yield();
+            for (int round = 0; round < kFactoryRounds; ++round) {
+                VESK_Transport_Plugin *made[] = {
+                    VESK_Transport_UDPv4_create(nullptr, udpv4List.get()),
+                    VESK_Transport_UDPv4_WAN_create(nullptr, wanList.get()),
+                    VESK_Transport_UDPv6_create_from_properties_with_prefix(nullptr,
+                                                                            udpv6List.get(), "p"),
+                    VESK_Transport_Shmem_create(nullptr, shmemList.get(), nullptr),
+                };
+                const VESK_Transport_ClassId_t classes[] = {
+                    VESK_TRANSPORT_CLASSID_UDPv4, VESK_TRANSPORT_CLASSID_UDPv4_WAN,
+                    VESK_TRANSPORT_CLASSID_UDPv6, VESK_TRANSPORT_CLASSID_SHMEM};
+                for (int i = 0; i < 4; ++i) {
+                    trouble.note(made[i] != nullptr && made[i]->property->classid == classes[i],
+                                 "a factory failed on another thread's watch");
+                    if (made[i] != nullptr) made[i]->delete_cEA(made[i], nullptr);
+                }
+            }
+        });
+    }
+
+    // Fault injection is per thread: this thread refuses its own
+    // allocations one by one while the others must not notice.
+    threads.emplace_back([&] {
+        while (!go.load()) std::this_thread::yield();
+        for (long n = 1; n < 200; ++n) {
+            KELOsapiHeap_failAllocationAfter(n);
+            VESK_Transport_Plugin *plugin = VESK_Transport_UDPv4_WAN_create(nullptr, wanList.get());
+            const bool refused = KELOsapiHeap_isFailurePending() == 0;
+            KELOsapiHeap_failAllocationAfter(0);
+            sweepTrouble.note(refused == (plugin == nullptr), "a refusal did not fail the factory");
+            if (plugin != nullptr) plugin->delete_cEA(plugin, nullptr);
+            if (!refused) return;
+        }
+        sweepTrouble.note(false, "the sweep did not complete");
+    });
+
+    go.store(true);
+    for (std::thread &thread : threads) thread.join();
+
+    EXPECT_EQ(counterTrouble.first, "");
+    for (const Trouble &trouble : readerTrouble) EXPECT_EQ(trouble.first, "");
+    for (const Trouble &trouble : factoryTrouble) EXPECT_EQ(trouble.first, "");
+    EXPECT_EQ(sweepTrouble.first, "");
+
+    for (const vesk::test::LogEntry &entry : capture.entries()) {
+        EXPECT_EQ(entry.level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR)) << entry.text;
+    }
+
+    VESK_Transport_UDP_Statistics final{};
+    ASSERT_EQ(VESK_Transport_Support_get_udpv4_statistics(wanParticipant.get(), &final),
+              DDS_RETCODE_OK);
+    EXPECT_EQ(final.user_packets_sent, static_cast<KEL_UINT64>(kCounts));
+    EXPECT_EQ(final.user_bytes_sent, kUserBytes * kCounts);
+    EXPECT_EQ(final._liveliness_bytes_sent, kLivelinessBytes * kCounts);
+}
+
+// Heap accounting and log capture from many threads at once: every thread
+// allocates and releases, and logs through a failing setup.
+TEST(Concurrency, FailingSetupsLogFromEveryThread) {
+    vesk::test::LogCapture capture(VESK_CONFIG_LOG_VERBOSITY_ERROR);
+    const Properties bad{{"send_blocking", "sometimes"}};
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 50;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                VESK_Transport_Plugin *plugin = VESK_Transport_UDPv4_create(nullptr, bad.get());
+                if (plugin == nullptr) {
+                    failures.fetch_add(1);
+                } else {
+                    plugin->delete_cEA(plugin, nullptr);
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), kThreads * kRounds);
+    // Per failure: the conversion, the UDP setup's summary and the factory.
+    int creationFailures = 0;
+    for (const vesk::test::LogEntry &entry : capture.entries()) {
+        if (entry.template_name == "KEL_LOG_CREATION_FAILURE_s") ++creationFailures;
+    }
+    EXPECT_EQ(creationFailures, kThreads * kRounds);
+}
+
+}  // namespace
