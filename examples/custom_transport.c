@@ -1,6 +1,7 @@
 /* Installs an application's own transport plugin on a participant, routes
- * traffic to it, finds it again, and shows what is refused once the
- * participant is enabled. */
+ * traffic to it, finds it again, adds a UDPv4 transport built from
+ * properties, reads its statistics, forces an interface down and up, and
+ * shows what is refused once the participant is enabled. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -98,6 +99,9 @@ int main(void) {
     VESK_Transport_Handle_t handle, found, refused;
     DDS_Long i;
     int status = 0;
+    DDS_PropertyQosPolicy udp_properties = DDS_PropertyQosPolicy_INITIALIZER;
+    VESK_Transport_Plugin *udpv4;
+    struct VESK_Transport_UDP_Statistics statistics;
 
     /* Line by line, so the logger's messages on stderr stay in order. */
     setvbuf(stdout, NULL, _IOLBF, 0);
@@ -144,11 +148,46 @@ int main(void) {
     }
     printf("\n");
 
-    printf("6. enable the participant: %s\n", code_name(DDS_DomainParticipant_enable(participant)));
+    /* A builtin-class transport from properties: UDPv4 on the loopback
+     * interface, which every host has. */
+    DDS_PropertyQosPolicyHelper_add_property(
+        &udp_properties, "example.udp.ignore_loopback_interface", "0", DDS_BOOLEAN_FALSE);
+    DDS_PropertyQosPolicyHelper_add_property(&udp_properties, "example.udp.parent.allow_interfaces",
+                                             "lo", DDS_BOOLEAN_FALSE);
+    udpv4 = VESK_Transport_UDPv4_create_from_properties_with_prefix(NULL, &udp_properties,
+                                                                    "example.udp");
+    DDS_PropertyQosPolicy_finalize(&udp_properties);
+    DDS_StringSeq_finalize(&aliases);
+    DDS_StringSeq_append(&aliases, "udp_lo");
+    printf("6. UDPv4 transport from properties (loopback only): %s\n",
+           udpv4 != NULL && is_valid(VESK_Transport_Support_register_transport(
+                                participant, udpv4, &aliases, &network_address))
+               ? "created and registered"
+               : "FAILED");
+    if (udpv4 == NULL) status = 1;
+
+    printf("7. enable the participant: %s\n", code_name(DDS_DomainParticipant_enable(participant)));
+    if (udpv4 != NULL) {
+        VESK_Transport_UDP_Statistics_initialize(&statistics);
+        /* What the transport's send path counts for two user-data packets. */
+        VESK_Transport_UDP_count_traffic(udpv4, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+                                         VESK_TRANSPORT_UDP_TRAFFIC_SENT, 2, 1200);
+        printf("8. UDPv4 statistics: %s",
+               code_name(VESK_Transport_Support_get_udpv4_statistics(participant, &statistics)));
+        printf(", %llu user packets, %llu user bytes sent\n",
+               (unsigned long long)statistics.user_packets_sent,
+               (unsigned long long)statistics.user_bytes_sent);
+        printf("   interface lo down: %s\n",
+               code_name(VESK_Transport_Support_change_interface_status(
+                   participant, VESK_TRANSPORT_CLASSID_UDPv4, "lo", DDS_BOOLEAN_FALSE)));
+        printf("   interface lo up: %s\n",
+               code_name(VESK_Transport_Support_change_interface_status(
+                   participant, VESK_TRANSPORT_CLASSID_UDPv4, "lo", DDS_BOOLEAN_TRUE)));
+    }
     refused_plugin = loopback_new();
     DDS_StringSeq_finalize(&aliases);
     DDS_StringSeq_append(&aliases, "late");
-    printf("7. register another plugin now (the logger explains the refusal):\n");
+    printf("9. register another plugin now (the logger explains the refusal):\n");
     refused = VESK_Transport_Support_register_transport(participant, refused_plugin, &aliases,
                                                         &network_address);
     printf("   handle %s\n", is_valid(refused) ? "valid (UNEXPECTED)" : "invalid: refused");
@@ -159,7 +198,7 @@ int main(void) {
 
     DDS_StringSeq_finalize(&aliases);
     DDS_StringSeq_finalize(&found_aliases);
-    printf("8. delete the participant, which deletes the plugins installed on it\n");
+    printf("10. delete the participant, which deletes the plugins installed on it\n");
     DDS_DomainParticipant_delete(participant);
     return status;
 }

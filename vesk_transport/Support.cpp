@@ -1479,18 +1479,8 @@ extern "C" const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_SHM
 
 namespace {
 
-constexpr VESK_Transport_Property_t emptyInterfaceLists(VESK_Transport_Property_t parent) {
-    parent.allow_interfaces_list = nullptr;
-    parent.allow_interfaces_list_length = 0;
-    parent.deny_interfaces_list = nullptr;
-    parent.deny_interfaces_list_length = 0;
-    parent.allow_multicast_interfaces_list = nullptr;
-    parent.allow_multicast_interfaces_list_length = 0;
-    parent.deny_multicast_interfaces_list = nullptr;
-    parent.deny_multicast_interfaces_list_length = 0;
-    return parent;
-}
-
+// Value-initialised records start with every list null and empty and every
+// pointer null; the functions below set the rest field by field.
 constexpr VESK_Transport_UDP_Property_t udpv4Default() {
     VESK_Transport_UDP_Property_t record{};
     record.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4;
@@ -1498,7 +1488,6 @@ constexpr VESK_Transport_UDP_Property_t udpv4Default() {
     record.parent.properties_bitmap = VESK_TRANSPORT_PROPERTIES_BITMAP_DEFAULT;
     record.parent.gather_send_buffer_count_max = 16;
     record.parent.message_size_max = VESK_TRANSPORT_UDP_DATAGRAM_SIZE_MAX - 28;
-    record.parent = emptyInterfaceLists(record.parent);
     record.parent.domain_participant_ptr = nullptr;
     record.parent.domain_participant_forwarder = nullptr;
     record.parent.thread_name_prefix = nullptr;
@@ -1570,7 +1559,6 @@ constexpr VESK_Transport_Shmem_Property_t shmemDefault() {
     record.parent.properties_bitmap = VESK_TRANSPORT_PROPERTY_BIT_BUFFER_ALWAYS_LOANED;
     record.parent.gather_send_buffer_count_max = 1024;
     record.parent.message_size_max = 0x10000;
-    record.parent = emptyInterfaceLists(record.parent);
     record.parent.domain_participant_ptr = nullptr;
     record.parent.domain_participant_forwarder = nullptr;
     record.parent.thread_name_prefix = nullptr;
