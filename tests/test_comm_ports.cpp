@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/AllocationSweep.hpp"
 #include "support/PropertyList.hpp"
 #include "support/SetupChecks.hpp"
 #include "support/TestSupport.hpp"
@@ -26,6 +27,8 @@ using vesk::test::PARSE_JSON_MAPPING_NODE;
 using vesk::test::PropertyList;
 using vesk::test::renderCommPorts;
 using vesk::test::renderFlags;
+using vesk::test::sweepAllocationFailures;
+using vesk::test::SweepStep;
 using vesk::test::UDP_SETUP;
 using vesk::test::UdpRecord;
 
@@ -202,39 +205,49 @@ TEST(CommPortsJson, BadDocumentsFailWithTheirMessagesAndLeaveNothing) {
     }
 }
 
+// The one sweep of the parser: each refused allocation gives 0, leaves the
+// caller's list alone and logs exactly one of its two messages.
 TEST(CommPortsJson, EveryAllocationFailureLeavesNothing) {
     const std::string creation =
         message(ERROR, PARSE_JSON, "KEL_LOG_CREATION_FAILURE_s", {"commPortsList"});
     const std::string parse =
         message(ERROR, PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", EXAMPLE});
-    bool creationSeen = false;
-    bool succeeded = false;
-    for (long n = 1; n < 50 && !succeeded; ++n) {
-        SCOPED_TRACE(n);
-        LogCapture log;
-        const KEL_UINT64 blocks = liveHeapBlocks();
+    struct Outcome {
+        int result = 0;
         Mapping *list = g_sentinel;
         KEL_INT32 length = 0;
-        KELOsapiHeap_failAllocationAfter(n);
-        const int result = VESK_Transport_CommPortsHelper_parseJson(&list, &length, EXAMPLE);
-        succeeded = KELOsapiHeap_isFailurePending() != 0;
-        KELOsapiHeap_failAllocationAfter(0);
-        if (succeeded) {
-            EXPECT_EQ(1, result);
-            EXPECT_EQ(3, length);
-            KELOsapiHeap_freeArray(list);
-            continue;
-        }
-        EXPECT_EQ(0, result);
-        EXPECT_EQ(g_sentinel, list);
-        EXPECT_EQ(blocks, liveHeapBlocks());
-        const auto lines = describeAll(log);
-        ASSERT_EQ(1u, lines.size());
-        EXPECT_TRUE(lines[0] == creation || lines[0] == parse) << lines[0];
-        if (lines[0] == creation) creationSeen = true;
-    }
-    EXPECT_TRUE(succeeded);
-    EXPECT_TRUE(creationSeen);
+        std::vector<std::string> lines;
+    };
+    std::set<std::string> seen;
+    const auto summary = sweepAllocationFailures(
+        [] {
+            LogCapture log;
+            Outcome outcome;
+            outcome.result =
+                VESK_Transport_CommPortsHelper_parseJson(&outcome.list, &outcome.length, EXAMPLE);
+            outcome.lines = describeAll(log);
+            return outcome;
+        },
+        [&](const SweepStep &step, Outcome &outcome) {
+            if (!step.failed) {
+                EXPECT_EQ(1, outcome.result);
+                EXPECT_EQ("[{0,7400,17400},{7410,7410,17410},{7411,7500,7500}]",
+                          renderCommPorts(outcome.list, outcome.length));
+                EXPECT_TRUE(outcome.lines.empty());
+                return;
+            }
+            EXPECT_EQ(0, outcome.result);
+            EXPECT_EQ(g_sentinel, outcome.list);
+            ASSERT_EQ(1u, outcome.lines.size());
+            EXPECT_TRUE(outcome.lines[0] == creation || outcome.lines[0] == parse)
+                << outcome.lines[0];
+            seen.insert(outcome.lines[0]);
+        },
+        [](Outcome &outcome) {
+            if (outcome.result == 1) KELOsapiHeap_freeArray(outcome.list);
+        });
+    EXPECT_TRUE(summary.completed);
+    EXPECT_TRUE(seen.count(creation));
 }
 
 // ---------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/AllocationSweep.hpp"
 #include "support/PropertyList.hpp"
 #include "support/SetupChecks.hpp"
 #include "support/TestSupport.hpp"
@@ -27,6 +28,8 @@ using vesk::test::PARENT_SETUP;
 using vesk::test::PARSE_INTERFACE_LIST;
 using vesk::test::PropertyList;
 using vesk::test::renderFlags;
+using vesk::test::sweepAllocationFailures;
+using vesk::test::SweepStep;
 
 using Generic = VESK_Transport_Property_t;
 using Flags = VESK_Transport_internalMemoryAllocations;
@@ -394,34 +397,6 @@ TEST(GenericSetup, AShortThreadNamePrefixOfNineCharactersIsAPreconditionFailure)
     KELLog_g_preconditionDetected = detected;
 }
 
-TEST(GenericSetup, AFailedTruncationIsReportedAndLeavesNoPrefix) {
-    PropertyList properties;
-    properties.add(PREFIX, "parent.thread_name_prefix", "abcdefghij");
-    const std::string truncationFailure = message(ERROR, PARENT_SETUP, "KEL_LOG_ANY_FAILURE_s",
-                                                  {"truncate parent.thread_name_prefix"});
-    bool reported = false;
-    bool succeeded = false;
-    for (long n = 1; n < 20 && !succeeded; ++n) {
-        SCOPED_TRACE(n);
-        LogCapture log;
-        GenericRecord run;
-        KELOsapiHeap_failAllocationAfter(n);
-        const int result = run.setup(properties);
-        succeeded = KELOsapiHeap_isFailurePending() != 0;
-        KELOsapiHeap_failAllocationAfter(0);
-        if (succeeded) {
-            EXPECT_EQ(1, result);
-            continue;
-        }
-        EXPECT_EQ(-1, result);
-        EXPECT_EQ(nullptr, run.record.thread_name_prefix);
-        const auto lines = describeAll(log);
-        if (lines == std::vector<std::string>{truncationFailure}) reported = true;
-    }
-    EXPECT_TRUE(succeeded);
-    EXPECT_TRUE(reported);
-}
-
 struct ListNames {
     const char *single;
     const char *list;
@@ -582,44 +557,54 @@ TEST(GenericSetup, ASecondSetupWithoutCleanupFailsAtTheFirstFlaggedList) {
     EXPECT_EQ(threadNamePrefix, run.record.thread_name_prefix);
 }
 
-// Each allocation of a setup with all four lists fails in turn. A failed
-// setup logs the reason, then names the list or thread-name step; every
-// list is flagged exactly when it is held; a failure in the deny list
-// leaves the allow list whole; the cleanup releases everything.
+// The one sweep of the generic setup, with all four lists and a prefix to
+// truncate. A failed setup logs the reason, then names the list or
+// thread-name step; every list is flagged exactly when it is held; a failure
+// in the deny list leaves the allow list whole; no failure leaves a prefix;
+// the cleanup releases everything.
 TEST(GenericSetup, EveryAllocationFailureLeavesOnlyFlaggedMembersBehind) {
     PropertyList properties;
     for (const ListNames &names : interfaceLists()) properties.add(PREFIX, names.list, "a, b");
     properties.add(PREFIX, "parent.thread_name_prefix", "abcdefghij");
-    const std::set<std::string> listFailures = {
-        message(ERROR, PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent.allow_interfaces_list"}),
-        message(ERROR, PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent.deny_interfaces_list"}),
-        message(ERROR, PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_s",
-                {"parent.allow_multicast_interfaces_list"}),
-        message(ERROR, PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_s",
-                {"parent.deny_multicast_interfaces_list"}),
+    auto listFailure = [](const char *list) {
+        return message(ERROR, PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_s", {list});
     };
-    const KEL_UINT64 blocks = liveHeapBlocks();
+    const std::set<std::string> listFailures = {
+        listFailure("parent.allow_interfaces_list"),
+        listFailure("parent.deny_interfaces_list"),
+        listFailure("parent.allow_multicast_interfaces_list"),
+        listFailure("parent.deny_multicast_interfaces_list"),
+    };
+    const std::string truncationFailure = message(ERROR, PARENT_SETUP, "KEL_LOG_ANY_FAILURE_s",
+                                                  {"truncate parent.thread_name_prefix"});
+    struct Outcome {
+        Generic record = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT.parent;
+        Flags flags{};
+        int result = 0;
+        std::vector<std::string> lines;
+    };
     std::set<std::string> seen;
-    bool succeeded = false;
-    bool denyFailureSeen = false;
-    for (long n = 1; n < 200 && !succeeded; ++n) {
-        SCOPED_TRACE(n);
-        LogCapture log;
-        {
-            GenericRecord run;
-            KELOsapiHeap_failAllocationAfter(n);
-            const int result = run.setup(properties);
-            succeeded = KELOsapiHeap_isFailurePending() != 0;
-            KELOsapiHeap_failAllocationAfter(0);
-            if (succeeded) {
-                EXPECT_EQ(5, result);
+    const auto summary = sweepAllocationFailures(
+        [&] {
+            LogCapture log;
+            Outcome outcome;
+            outcome.result = VESK_Transport_setupParentTransportProperty(
+                &outcome.record, &outcome.flags, properties.get(), PREFIX);
+            outcome.lines = describeAll(log);
+            return outcome;
+        },
+        [&](const SweepStep &step, Outcome &run) {
+            if (!step.failed) {
+                EXPECT_EQ(5, run.result);
                 EXPECT_EQ("1,1,1,1,0,0", renderFlags(run.flags));
-                continue;
+                return;
             }
-            EXPECT_EQ(-1, result);
-            // A list that is held is whole.
+            EXPECT_EQ(-1, run.result);
+            // The prefix is the last step: no failure leaves one.
+            EXPECT_EQ(nullptr, run.record.thread_name_prefix);
             for (const ListNames &names : interfaceLists()) {
                 SCOPED_TRACE(names.list);
+                // A list that is held is whole, and flagged.
                 if (run.record.*names.field != nullptr) {
                     EXPECT_EQ((std::vector<std::string>{"a", "b"}),
                               contents(run.record.*names.field, run.record.*names.length));
@@ -633,28 +618,26 @@ TEST(GenericSetup, EveryAllocationFailureLeavesOnlyFlaggedMembersBehind) {
                       run.flags._allowMulticastInterfacesListAllocated != 0);
             EXPECT_EQ(run.record.deny_multicast_interfaces_list != nullptr,
                       run.flags._denyMulticastInterfacesListAllocated != 0);
-            const auto lines = describeAll(log);
-            ASSERT_GE(lines.size(), 1u);
-            const std::string &last = lines.back();
+            ASSERT_GE(run.lines.size(), 1u);
+            const std::string &last = run.lines.back();
             EXPECT_NE(std::string::npos, last.find(PARENT_SETUP)) << last;
             if (listFailures.count(last)) {
-                ASSERT_EQ(2u, lines.size());
-                EXPECT_NE(std::string::npos, lines[0].find(PARSE_INTERFACE_LIST)) << lines[0];
-                EXPECT_EQ(nullptr, run.record.thread_name_prefix);
-                seen.insert(last);
+                ASSERT_EQ(2u, run.lines.size());
+                EXPECT_NE(std::string::npos, run.lines[0].find(PARSE_INTERFACE_LIST))
+                    << run.lines[0];
             }
-            if (last == message(ERROR, PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_s",
-                                {"parent.deny_interfaces_list"})) {
-                denyFailureSeen = true;
+            if (last == listFailure("parent.deny_interfaces_list")) {
                 EXPECT_EQ("1,0,0,0,0,0", renderFlags(run.flags));
                 EXPECT_EQ(2, run.record.allow_interfaces_list_length);
             }
-        }
-        EXPECT_EQ(blocks, liveHeapBlocks());
-    }
-    EXPECT_TRUE(succeeded);
-    EXPECT_TRUE(denyFailureSeen);
-    EXPECT_EQ(listFailures, seen);
+            seen.insert(last);
+        },
+        [](Outcome &run) {
+            VESK_Transport_cleanupParentTransportProperty(&run.record, &run.flags);
+        });
+    EXPECT_TRUE(summary.completed);
+    for (const std::string &expected : listFailures) EXPECT_TRUE(seen.count(expected)) << expected;
+    EXPECT_TRUE(seen.count(truncationFailure));
 }
 
 TEST(GenericSetup, CleanupReleasesOnlyFlaggedListsAndAnyThreadNamePrefix) {

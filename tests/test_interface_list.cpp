@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/AllocationSweep.hpp"
 #include "support/PropertyList.hpp"
 #include "support/SetupChecks.hpp"
 #include "support/TestSupport.hpp"
@@ -21,6 +22,8 @@ using vesk::test::LogCapture;
 using vesk::test::message;
 using vesk::test::PARSE_INTERFACE_LIST;
 using vesk::test::PropertyList;
+using vesk::test::sweepAllocationFailures;
+using vesk::test::SweepStep;
 
 constexpr const char *PREFIX = "dds.transport.UDPv4.builtin";
 constexpr const char *SINGLE = "parent.allow_interfaces";
@@ -354,8 +357,8 @@ TEST(InterfaceList, ASecondReadOfAFlaggedListIsRefusedAndKeepsTheList) {
     state.release();
 }
 
-// Every allocation of a read fails in turn: each failure logs one message,
-// leaves the list empty and unflagged, counts nothing and leaks nothing.
+// The one sweep of a read: each refused allocation logs one message, leaves
+// the list empty and unflagged, counts nothing and leaks nothing.
 TEST(InterfaceList, EveryAllocationFailureReleasesTheList) {
     const std::string value = "eth0, eth1 ,eth2";
     PropertyList properties{{std::string(PREFIX) + "." + SINGLE, value}};
@@ -368,39 +371,44 @@ TEST(InterfaceList, EveryAllocationFailureReleasesTheList) {
         message(KEL_LOG_BIT_ERROR, PARSE_INTERFACE_LIST, "DDS_LOG_OUT_OF_RESOURCES_s",
                 {"interfaces_list element"}),
     };
-    std::set<std::string> seen;
-    bool succeeded = false;
-    for (long n = 1; n < 100 && !succeeded; ++n) {
-        SCOPED_TRACE(n);
-        LogCapture log;
-        const KEL_UINT64 blocks = liveHeapBlocks();
+    struct Outcome {
         ListState state;
-        state.length = 9;
-        KELOsapiHeap_failAllocationAfter(n);
-        const int result = state.parse(properties);
-        const bool fired = !KELOsapiHeap_isFailurePending();
-        KELOsapiHeap_failAllocationAfter(0);
-        if (!fired) {
-            EXPECT_EQ(1, result);
-            EXPECT_EQ((std::vector<std::string>{"eth0", "eth1", "eth2"}),
-                      contents(state.list, state.length));
-            state.release();
-            succeeded = true;
-            continue;
-        }
-        EXPECT_EQ(0, result);
-        EXPECT_EQ(nullptr, state.list);
-        EXPECT_EQ(0, state.length);
-        EXPECT_EQ(0, state.flag);
-        EXPECT_EQ(5, state.counter);
-        EXPECT_EQ(blocks, liveHeapBlocks());
-        const auto lines = describeAll(log);
-        ASSERT_EQ(1u, lines.size());
-        EXPECT_TRUE(allowed.count(lines[0])) << lines[0];
-        seen.insert(lines[0]);
-    }
-    EXPECT_TRUE(succeeded);
+        int result = 0;
+        std::vector<std::string> lines;
+    };
+    std::set<std::string> seen;
+    const auto summary = sweepAllocationFailures(
+        [&] {
+            LogCapture log;
+            Outcome outcome;
+            outcome.state.length = 9;
+            outcome.result = outcome.state.parse(properties);
+            outcome.lines = describeAll(log);
+            return outcome;
+        },
+        [&](const SweepStep &step, Outcome &outcome) {
+            const ListState &state = outcome.state;
+            if (!step.failed) {
+                EXPECT_EQ(1, outcome.result);
+                EXPECT_EQ((std::vector<std::string>{"eth0", "eth1", "eth2"}),
+                          contents(state.list, state.length));
+                EXPECT_EQ(6, state.counter);
+                return;
+            }
+            EXPECT_EQ(0, outcome.result);
+            EXPECT_EQ(nullptr, state.list);
+            EXPECT_EQ(0, state.length);
+            EXPECT_EQ(0, state.flag);
+            EXPECT_EQ(5, state.counter);
+            ASSERT_EQ(1u, outcome.lines.size());
+            EXPECT_TRUE(allowed.count(outcome.lines[0])) << outcome.lines[0];
+            seen.insert(outcome.lines[0]);
+        },
+        [](Outcome &outcome) { outcome.state.release(); });
+    EXPECT_TRUE(summary.completed);
     EXPECT_EQ(allowed, seen);
+    // The split (array and three pieces), the list and its three copies.
+    EXPECT_EQ(8, summary.failurePoints);
 }
 
 }  // namespace

@@ -423,39 +423,4 @@ TEST(ShmemFactory, TheCallersAddressIsNeverTouched) {
     }
 }
 
-// Every allocation of a call may fail: the call then returns null after a
-// message and leaves nothing allocated. The sweep ends at the first n that
-// the call no longer reaches.
-TEST(ShmemFactory, EveryFailedAllocationGivesNullAndLeavesNothing) {
-    PropertyList properties{{"parent.allow_interfaces_list", "shm0,shm1"},
-                            {"parent.deny_interfaces", "shm2"},
-                            {"parent.thread_name_prefix", "shmThread"},
-                            {"host_id", "5"}};
-    int failures = 0;
-    bool reachedTheEnd = false;
-    for (long n = 1; n < 1000 && !reachedTheEnd; ++n) {
-        SCOPED_TRACE("allocation " + std::to_string(n));
-        const KEL_UINT64 before = liveHeapBlocks();
-        LogCapture log;
-        KELOsapiHeap_failAllocationAfter(n);
-        PluginPtr plugin(create(properties));
-        reachedTheEnd = KELOsapiHeap_isFailurePending() != 0;
-        KELOsapiHeap_failAllocationAfter(0);
-        if (plugin == nullptr) {
-            ++failures;
-            EXPECT_FALSE(reachedTheEnd);
-            EXPECT_FALSE(log.entries().empty());
-        } else {
-            EXPECT_TRUE(reachedTheEnd) << "an allocation failure went unnoticed";
-            EXPECT_EQ(generatedAddress(5), field(recordOf(plugin.get()), "shmemUUID"));
-            EXPECT_EQ("[\"shm0\",\"shm1\"]",
-                      field(recordOf(plugin.get()), "parent.allow_interfaces_list"));
-        }
-        plugin.reset();
-        EXPECT_EQ(before, liveHeapBlocks());
-    }
-    EXPECT_TRUE(reachedTheEnd);
-    EXPECT_GT(failures, 5);
-}
-
 }  // namespace
