@@ -127,7 +127,7 @@ private:
               std::function<Json(const Full &)> read, std::function<bool(const Full &)> namesRead) {
         // Several properties may set one field (the shared-memory address).
         auto same = std::find_if(specs_.begin(), specs_.end(),
-                                 [&](const FieldSpec<Full> &spec) { return spec.path == path; });
+                                 [&](const FieldSpec<Full> &fieldEntry) { return fieldEntry.path == path; });
         if (same != specs_.end()) {
             same->names.insert(same->names.end(), names.begin(), names.end());
             return;
@@ -262,9 +262,9 @@ template <typename Full>
 std::vector<FieldValue> read(const std::vector<FieldSpec<Full>> &specs, const Full &record) {
     std::vector<FieldValue> out;
     out.reserve(specs.size());
-    for (const FieldSpec<Full> &spec : specs) {
+    for (const FieldSpec<Full> &fieldEntry : specs) {
         out.push_back(
-            {spec.path, spec.names, !spec.namesRead || spec.namesRead(record), spec.read(record)});
+            {fieldEntry.path, fieldEntry.names, !fieldEntry.namesRead || fieldEntry.namesRead(record), fieldEntry.read(record)});
     }
     return out;
 }

@@ -65,7 +65,7 @@ InspectOptions inspectOptions(const TransportClass &transportClass, const ListOp
         }
         out.minimumVersion = parseProductVersion(*options.minVersion);
         if (!out.minimumVersion) {
-            throw UsageError("--min-version: expected A.B.C.D with parts 0..255, got \"" +
+            throw UsageError("--min-version: expected A.B.C.D, each number 0..255, got \"" +
                              *options.minVersion + "\"");
         }
     }
