@@ -3,7 +3,7 @@
 # missing. Runs apt-get update first, as a fresh machine needs.
 set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config googletest libgtest-dev libgmock-dev nlohmann-json3-dev
-          libcli11-dev libtinyxml2-dev "$@")
+          libcli11-dev libtinyxml2-dev iproute2 nftables libmnl-dev dpkg-dev file "$@")
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
