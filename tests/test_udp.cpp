@@ -16,7 +16,7 @@
 #include "support/TestSupport.hpp"
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Udp.h"
-#include "vesk_transport/platform/UdpInterfaces.hpp"
+#include "vesk_transport/platform/udp/Interfaces.hpp"
 
 namespace {
 
