@@ -601,4 +601,56 @@ TEST(AliasListTest, AppendFromString) {
     EXPECT_EQ(full.element[KEL_NETIO_ALIAS_LIST_LENGTH_MAX], 'x');
 }
 
+// Every refused installation says why in the configurator's own line.
+TEST_F(ConfiguratorTest, RefusedInstallationLogsItsReason) {
+    using vesk::test::LogCapture;
+    KELNetioAliasList unterminated;
+    std::memset(&unterminated, 'x', sizeof(unterminated));
+    struct Row {
+        const char *name;
+        int plugin_count_max;
+        bool null_configurator, null_plugin, same_plugin, unterminated;
+        const char *aliases;
+        std::string reason;
+    };
+    const std::vector<Row> rows = {
+        {"no configurator", 2, true, false, false, false, "b", "the configurator is NULL"},
+        {"no plugin", 2, false, true, false, false, "b",
+         "the plugin is NULL: pass the plugin to install"},
+        {"same plugin", 2, false, false, true, false, "b",
+         "the plugin is installed already, under \"a,busy\": install a plugin object once"},
+        {"alias list not terminated", 2, false, false, false, true, "",
+         "the alias list is not terminated within its 129 characters: fill it with "
+         "KELNetioAliasList_appendFromString"},
+        {"alias in use", 2, false, false, false, false, "free,busy",
+         "the alias \"busy\" is in use by an installed plugin: choose another alias"},
+        {"table full", 1, false, false, false, false, "b",
+         "all 1 plugin slots are in use: make the configurator with a larger plugin_count_max"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        KELNetioConfigurator *configurator = KELNetioConfigurator_new(row.plugin_count_max, 0);
+        VESK_Transport_Plugin *first = newFakePlugin();
+        KELNetioAliasList list = aliasList("a,busy");
+        ASSERT_EQ(KELNetioConfigurator_installTransportPlugin(configurator, nullptr, first, &list,
+                                                              nullptr, &worker_),
+                  1);
+        VESK_Transport_Plugin *plugin =
+            row.null_plugin ? nullptr : (row.same_plugin ? first : newFakePlugin());
+        list = row.unterminated ? unterminated : aliasList(row.aliases);
+        LogCapture log;
+        EXPECT_EQ(KELNetioConfigurator_installTransportPlugin(
+                      row.null_configurator ? nullptr : configurator, nullptr, plugin, &list,
+                      nullptr, &worker_),
+                  0);
+        const auto entries = log.entries();
+        ASSERT_EQ(entries.size(), 1u);
+        EXPECT_EQ(entries[0].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
+        EXPECT_EQ(entries[0].function, "KELNetioConfigurator_installTransportPlugin");
+        EXPECT_EQ(log.summary()[0], "KEL_LOG_ANY_FAILURE_s(" + row.reason + ")");
+        if (plugin != nullptr && plugin != first) fakeDelete(plugin, nullptr);
+        KELNetioConfigurator_delete(configurator);
+    }
+}
+
 }  // namespace

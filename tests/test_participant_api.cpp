@@ -284,7 +284,13 @@ TEST(Register, InstallationRefusedNamesTheAliasList) {
             participant.get(), row.plugin, &aliases.seq, &networkAddress);
         EXPECT_EQ(handle._participant, nullptr);
         EXPECT_FALSE(isValid(handle));
-        expectOneError(log, REGISTER, "DDS_LOG_INSTALL_TRANSPORT_PLUGINS_s(dup,other)");
+        // The configurator's reason (test_configurator.cpp), then the module's message.
+        const auto entries = log.entries();
+        ASSERT_EQ(entries.size(), 2u);
+        EXPECT_EQ(entries[0].function, "KELNetioConfigurator_installTransportPlugin");
+        EXPECT_EQ(entries[1].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
+        EXPECT_EQ(entries[1].function, REGISTER);
+        EXPECT_EQ(log.summary()[1], "DDS_LOG_INSTALL_TRANSPORT_PLUGINS_s(dup,other)");
     }
 }
 

@@ -7,16 +7,20 @@
 // (there is no uninstall), but the epoch still lets a reference forged or
 // copied from another configurator be told apart from a live one.
 //
-// The configurator logs nothing: every refusal is reported through the
-// result, and its callers log in their own terms.
+// A refused installation is reported through the result, which its callers
+// log in their own terms (an alias list, say), and first in the
+// configurator's own log line, which names the reason: the alias already in
+// use, the plugin already installed, the table full.
 
 #include "vesk_transport/platform/Configurator.h"
 
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string_view>
 
 #include "vesk_transport/platform/Heap.h"
+#include "vesk_transport/platform/Log.h"
 
 namespace {
 
@@ -120,6 +124,58 @@ int addRoute(KELNetioConfigurator *self, const KELNetioRoute &route) {
     self->routes[self->routeCount++] = route;
     return 1;
 }
+
+// Why an installation is refused: the reason the configurator logs, with
+// the detail that names the culprit (%.*s, when the reason has one) and how
+// to fix it.
+enum class InstallRefusal {
+    NoConfigurator,
+    NoPlugin,
+    AlreadyInstalled,
+    Unterminated,
+    AliasInUse,
+    Full
+};
+
+struct InstallRefusalRow {
+    InstallRefusal refusal;
+    const char *format;
+};
+
+constexpr InstallRefusalRow INSTALL_REFUSALS[] = {
+    {InstallRefusal::NoConfigurator, "the configurator is NULL"},
+    {InstallRefusal::NoPlugin, "the plugin is NULL: pass the plugin to install"},
+    {InstallRefusal::AlreadyInstalled,
+     "the plugin is installed already, under \"%.*s\": install a plugin object once"},
+    {InstallRefusal::Unterminated,
+     "the alias list is not terminated within its %.*s characters: fill it with "
+     "KELNetioAliasList_appendFromString"},
+    {InstallRefusal::AliasInUse,
+     "the alias \"%.*s\" is in use by an installed plugin: choose another alias"},
+    {InstallRefusal::Full,
+     "all %.*s plugin slots are in use: make the configurator with a larger plugin_count_max"},
+};
+
+// Logs the reason and returns the refusal's result, 0.
+int refuseInstallation(InstallRefusal refusal, std::string_view detail = {}) noexcept {
+    if (!KELLog_isEnabled(KEL_LOG_BIT_ERROR, DDS_SUBMODULE_MASK_TRANSPORT)) return 0;
+    for (const InstallRefusalRow &row : INSTALL_REFUSALS) {
+        if (row.refusal != refusal) continue;
+        char reason[KEL_NETIO_ALIAS_LIST_LENGTH_MAX + 160];
+        std::snprintf(reason, sizeof reason, row.format, static_cast<int>(detail.size()),
+                      detail.data());
+        KELLogMessage_printWithParams(-1, KEL_LOG_BIT_ERROR, VESK_TRANSPORT_LOG_MODULE_ID, __FILE__,
+                                      __LINE__, "KELNetioConfigurator_installTransportPlugin",
+                                      &KEL_LOG_ANY_FAILURE_s, reason);
+    }
+    return 0;
+}
+
+// A count as text, for a refusal's detail.
+struct CountText {
+    explicit CountText(int count) { std::snprintf(text, sizeof text, "%d", count); }
+    char text[16];
+};
 
 void destroy(KELNetioConfigurator *self) {
     KELOsapiHeap_freeArray(self->routes);
@@ -260,33 +316,44 @@ int KELNetioConfigurator_installTransportPlugin(KELNetioConfigurator *self,
                                                 const KELNetioAliasList *aliases,
                                                 const VESK_Transport_Address_t *network_address,
                                                 struct REDAWorker *) {
-    if (self == nullptr || plugin == nullptr) return 0;
-    if (findPlugin(self, plugin) >= 0) return 0;
+    if (self == nullptr) return refuseInstallation(InstallRefusal::NoConfigurator);
+    if (plugin == nullptr) return refuseInstallation(InstallRefusal::NoPlugin);
+    const int installedSlot = findPlugin(self, plugin);
+    if (installedSlot >= 0) {
+        return refuseInstallation(InstallRefusal::AlreadyInstalled,
+                                  self->installations[installedSlot].aliases.element);
+    }
 
     KELNetioAliasList ownAliases;
     std::memset(&ownAliases, 0, sizeof(ownAliases));
     if (aliases != nullptr) {
         std::string_view text;
-        if (!aliasText(aliases, &text)) return 0;
+        if (!aliasText(aliases, &text)) {
+            return refuseInstallation(InstallRefusal::Unterminated,
+                                      CountText(KEL_NETIO_ALIAS_LIST_LENGTH_MAX + 1).text);
+        }
         std::memcpy(ownAliases.element, text.data(), text.size());
     }
     // Every alias names at most one installation.
-    const bool taken = anyAlias(ownAliases.element, [self](std::string_view alias) {
+    std::string_view taken;
+    anyAlias(ownAliases.element, [self, &taken](std::string_view alias) {
         for (int i = 0; i < self->pluginCountMax; ++i) {
             const Installation &installation = self->installations[i];
             if (installation.plugin != nullptr && listCarries(&installation.aliases, alias)) {
+                taken = alias;
                 return true;
             }
         }
         return false;
     });
-    if (taken) return 0;
+    if (!taken.empty()) return refuseInstallation(InstallRefusal::AliasInUse, taken);
 
     int slot = -1;
     for (int i = 0; i < self->pluginCountMax && slot < 0; ++i) {
         if (self->installations[i].plugin == nullptr) slot = i;
     }
-    if (slot < 0) return 0;
+    if (slot < 0)
+        return refuseInstallation(InstallRefusal::Full, CountText(self->pluginCountMax).text);
 
     Installation &installation = self->installations[slot];
     installation.plugin = plugin;
