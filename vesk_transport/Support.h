@@ -22,9 +22,11 @@
 
 #include "vesk_transport/platform/Configurator.h"
 #include "vesk_transport/platform/Host.h"
+#include "vesk_transport/platform/Log.h"
 #include "vesk_transport/platform/Participant.h"
 #include "vesk_transport/platform/Property.h"
 #include "vesk_transport/platform/Shmem.h"
+#include "vesk_transport/platform/SocketUtil.h"
 #include "vesk_transport/platform/StringSeq.h"
 #include "vesk_transport/platform/Transport.h"
 #include "vesk_transport/platform/Types.h"
@@ -33,6 +35,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* =====================================================================
  * 1. Participant transport API
@@ -291,6 +294,7 @@ DDS_ReturnCode_t VESK_Transport_Support_change_interface_status(
 DDS_ReturnCode_t VESK_Transport_Support_change_binding_ping_generation(
     DDS_DomainParticipant *participant, DDS_Boolean enable_binding_ping_generation);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -13,6 +13,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* ---------------------------------------------------------------------
  * Alias lists
@@ -149,6 +150,7 @@ int KELNetioConfigurator_getPluginCount(const KELNetioConfigurator *self);
  * (after applying the default). */
 int KELNetioConfigurator_getPluginCountMax(const KELNetioConfigurator *self);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -7,6 +7,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* Builds the default network address of a transport whose addresses are
  * 96 bits wide, each field in network order:
@@ -28,6 +29,7 @@ int KELNetioConfiguratorUtil_generateDefaultNetworkAddress96(VESK_Transport_Addr
                                                              KEL_UINT32 instance_id,
                                                              KEL_UINT32 reserved);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -14,6 +14,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* The tag of every allocation of the transport-support module: "VTRS". */
 #define VESK_TRANSPORT_HEAP_TAG 0x56545253u
@@ -63,6 +64,7 @@ void KELOsapiHeap_failAllocationAfter(long n);
 /* Non-zero while an injected failure is still pending on this thread. */
 int KELOsapiHeap_isFailurePending(void);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

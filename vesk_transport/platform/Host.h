@@ -12,6 +12,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* ---------------------------------------------------------------------
  * Host identity
@@ -150,6 +151,7 @@ KEL_UINT32 DDS_RtpsAppIdGenerator_get_rtps_app_id(DDS_RtpsAppIdGenerator *self);
 void DDS_RtpsAppIdGenerator_set_host_ids(DDS_RtpsAppIdGenerator *self, KEL_UINT32 host_id,
                                          KEL_UINT32 host_id_from_mac);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -10,6 +10,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 typedef struct KELJSONObject KELJSONObject;
 
@@ -32,6 +33,7 @@ int KELJSONObject_getIntValue(const KELJSONObject *node, KEL_INT64 *value_out);
 /* Releases a whole tree; NULL is ignored. */
 void KELJSONObject_delete(KELJSONObject *root);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

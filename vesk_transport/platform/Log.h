@@ -20,6 +20,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* Message levels, one bit each. */
 #define KEL_LOG_BIT_EXCEPTION 0x1 /* failed precondition */
@@ -145,6 +146,7 @@ typedef void (*KELLogSink)(void *sink_data, const struct KELLogRecord *record);
 void KELLog_setSink(KELLogSink sink, void *sink_data, KELLogSink *previous_sink_out,
                     void **previous_sink_data_out);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

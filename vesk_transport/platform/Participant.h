@@ -12,6 +12,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 struct DDS_Entity;
 /* Non-zero when the entity is enabled. */
@@ -107,6 +108,7 @@ DDS_ReturnCode_t DDS_TransportSelectionQosPolicy_AliasList_from_StringSeq(
 DDS_ReturnCode_t DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(
     struct DDS_StringSeq *aliases_out, const KELNetioAliasList *alias_list_in);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 struct DDS_Property_t {
     char *name;
@@ -104,6 +105,7 @@ extern const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_UDPV6;
 extern const char *const *const PROPERTY_PLUGIN_VALID_PUBLIC_PROPERTIES_SHMEM;
 extern const char *const *const PROPERTY_PLUGIN_VALID_PRIVATE_PROPERTIES_SHMEM;
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

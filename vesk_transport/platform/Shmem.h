@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 struct VESK_Transport_Shmem_Property_t {
     struct VESK_Transport_Property_t parent;
@@ -42,6 +43,7 @@ void VESK_Transport_Shmem_Property_finalize(struct VESK_Transport_Shmem_Property
  * plugin's delete_cEA releases it and everything it owns. */
 VESK_Transport_Plugin *VESK_Transport_Shmem_newI(const struct VESK_Transport_Shmem_Property_t *property_in);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

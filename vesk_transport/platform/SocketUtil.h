@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* No address: 16 zero bytes. An address that was never set (such as an
  * all-zero shared-memory address) therefore counts as invalid. */
@@ -41,6 +42,7 @@ int VESK_Transport_SocketUtil_StringAddress_to_transportAddress(
 int VESK_Transport_Address_is_equal(const VESK_Transport_Address_t *a,
                                     const VESK_Transport_Address_t *b);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

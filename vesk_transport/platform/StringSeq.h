@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 struct DDS_StringSeq {
     char **_contiguous_buffer;
@@ -42,6 +43,7 @@ DDS_Boolean DDS_StringSeq_copy(struct DDS_StringSeq *seq, const struct DDS_Strin
 DDS_ReturnCode_t DDS_StringSeq_from_delimited_string(struct DDS_StringSeq *seq, const char *text,
                                                      char delimiter);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

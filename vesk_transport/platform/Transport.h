@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* ---------------------------------------------------------------------
  * Generic property record
@@ -190,6 +191,7 @@ struct VESK_Transport_PluginImpl {
     int multicastInterfaceEnabled;
 };
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

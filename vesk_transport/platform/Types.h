@@ -14,9 +14,12 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "vesk_transport/Export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 typedef int16_t KEL_INT16;
 typedef uint16_t KEL_UINT16;
@@ -88,6 +91,7 @@ struct KELOsapiRtpsGuidPrefix {
     KEL_UINT32 instanceId;
 };
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

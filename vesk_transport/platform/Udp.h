@@ -9,6 +9,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* ---------------------------------------------------------------------
  * Property record
@@ -245,6 +246,7 @@ int VESK_Transport_UDP_change_binding_ping_generation(VESK_Transport_Plugin *plu
 /* Non-zero while a WAN plugin generates binding pings. */
 int VESK_Transport_UDP_is_binding_ping_generation_enabled(VESK_Transport_Plugin *plugin);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

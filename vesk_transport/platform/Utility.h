@@ -14,6 +14,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 int KELOsapiUtility_strtol(const char *text, KEL_INT32 *value_out);
 int KELOsapiUtility_strtoul(const char *text, KEL_UINT32 *value_out);
@@ -52,6 +53,7 @@ int REDAString_iCompare(const char *left, const char *right);
 /* Ignoring case, over at most n characters. */
 int REDAString_inCompare(const char *left, const char *right, size_t n);
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

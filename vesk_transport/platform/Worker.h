@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+VESK_TRANSPORT_EXPORT_BEGIN
 
 /* What the worker is doing right now. Its category bits select log
  * categories (KELLog_g_categoryMask, Log.h). */
@@ -21,6 +22,7 @@ struct REDAWorker {
     struct KELOsapiContext *_activityContext;
 };
 
+VESK_TRANSPORT_EXPORT_END
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
