@@ -601,55 +601,122 @@ TEST(AliasListTest, AppendFromString) {
     EXPECT_EQ(full.element[KEL_NETIO_ALIAS_LIST_LENGTH_MAX], 'x');
 }
 
-// Every refused installation says why in the configurator's own line.
-TEST_F(ConfiguratorTest, RefusedInstallationLogsItsReason) {
-    using vesk::test::LogCapture;
-    KELNetioAliasList unterminated;
-    std::memset(&unterminated, 'x', sizeof(unterminated));
+// Every refusal says why, in the configurator's own line.
+TEST_F(ConfiguratorTest, RefusalsLogTheirReason) {
+    // Room for one plugin, installed under "a,busy", and for one route to it.
+    struct Setup {
+        Setup(REDAWorker *worker) {
+            KELNetioAliasList list = aliasList("a,busy");
+            KELNetioConfigurator_installTransportPlugin(configurator, &reference, first, &list,
+                                                        nullptr, worker);
+            KELNetioConfigurator_addDestinationRoute(configurator, 0, &filter, &reference, nullptr,
+                                                     worker);
+        }
+        ~Setup() {
+            KELNetioConfigurator_delete(configurator);
+            fakeDelete(spare, nullptr);
+        }
+        KELNetioConfigurator *configurator = KELNetioConfigurator_new(1, 1);
+        VESK_Transport_Plugin *first = newFakePlugin();
+        VESK_Transport_Plugin *spare = newFakePlugin();
+        REDAWeakReference reference{};
+        KELNetioAddressFilter filter{};
+        static int install(KELNetioConfigurator *configurator, VESK_Transport_Plugin *plugin,
+                           KELNetioAliasList list, REDAWorker *worker) {
+            return KELNetioConfigurator_installTransportPlugin(configurator, nullptr, plugin, &list,
+                                                               nullptr, worker);
+        }
+    };
+    const std::string INSTALL = "KELNetioConfigurator_installTransportPlugin";
+    const std::string DESTINATION = "KELNetioConfigurator_addDestinationRoute";
+    const std::string ENTRYPORT = "KELNetioConfigurator_addEntryportRoute";
     struct Row {
         const char *name;
-        int plugin_count_max;
-        bool null_configurator, null_plugin, same_plugin, unterminated;
-        const char *aliases;
-        std::string reason;
+        int (*refused)(Setup &, REDAWorker *);
+        std::string function, reason;
     };
     const std::vector<Row> rows = {
-        {"no configurator", 2, true, false, false, false, "b", "the configurator is NULL"},
-        {"no plugin", 2, false, true, false, false, "b",
-         "the plugin is NULL: pass the plugin to install"},
-        {"same plugin", 2, false, false, true, false, "b",
+        {"no configurator",
+         [](Setup &s, REDAWorker *w) {
+             return Setup::install(nullptr, s.spare, aliasList("b"), w);
+         },
+         INSTALL, "the configurator is NULL"},
+        {"no plugin",
+         [](Setup &s, REDAWorker *w) {
+             return Setup::install(s.configurator, nullptr, aliasList("b"), w);
+         },
+         INSTALL, "the plugin is NULL: pass the plugin to install"},
+        {"same plugin",
+         [](Setup &s, REDAWorker *w) {
+             return Setup::install(s.configurator, s.first, aliasList("b"), w);
+         },
+         INSTALL,
          "the plugin is installed already, under \"a,busy\": install a plugin object once"},
-        {"alias list not terminated", 2, false, false, false, true, "",
+        {"alias list not terminated",
+         [](Setup &s, REDAWorker *w) {
+             KELNetioAliasList unterminated;
+             std::memset(&unterminated, 'x', sizeof(unterminated));
+             return Setup::install(s.configurator, s.spare, unterminated, w);
+         },
+         INSTALL,
          "the alias list is not terminated within its 129 characters: fill it with "
          "KELNetioAliasList_appendFromString"},
-        {"alias in use", 2, false, false, false, false, "free,busy",
-         "the alias \"busy\" is in use by an installed plugin: choose another alias"},
-        {"table full", 1, false, false, false, false, "b",
+        {"alias in use",
+         [](Setup &s, REDAWorker *w) {
+             return Setup::install(s.configurator, s.spare, aliasList("free,busy"), w);
+         },
+         INSTALL, "the alias \"busy\" is in use by an installed plugin: choose another alias"},
+        {"plugin table full",
+         [](Setup &s, REDAWorker *w) {
+             return Setup::install(s.configurator, s.spare, aliasList("b"), w);
+         },
+         INSTALL,
          "all 1 plugin slots are in use: make the configurator with a larger plugin_count_max"},
+        {"no filter",
+         [](Setup &s, REDAWorker *w) {
+             return KELNetioConfigurator_addDestinationRoute(s.configurator, 0, nullptr,
+                                                             &s.reference, nullptr, w);
+         },
+         DESTINATION, "the filter or the plugin reference is NULL"},
+        {"reserved",
+         [](Setup &s, REDAWorker *w) {
+             return KELNetioConfigurator_addDestinationRoute(s.configurator, 0, &s.filter,
+                                                             &s.reference, &s, w);
+         },
+         DESTINATION, "reserved is not NULL: pass NULL"},
+        {"stale reference",
+         [](Setup &s, REDAWorker *w) {
+             REDAWeakReference stale = s.reference;
+             ++stale._referentEpochAtCreation;
+             return KELNetioConfigurator_addEntryportRoute(s.configurator, &s.filter, &stale, w);
+         },
+         ENTRYPORT,
+         "the plugin reference names no installation of this configurator: pass the reference "
+         "that installing the plugin filled"},
+        {"same route",
+         [](Setup &s, REDAWorker *w) {
+             return KELNetioConfigurator_addDestinationRoute(s.configurator, 0, &s.filter,
+                                                             &s.reference, nullptr, w);
+         },
+         DESTINATION, "the same route exists already"},
+        {"route table full",
+         [](Setup &s, REDAWorker *w) {
+             return KELNetioConfigurator_addEntryportRoute(s.configurator, &s.filter, &s.reference,
+                                                           w);
+         },
+         ENTRYPORT,
+         "all 1 route slots are in use: make the configurator with a larger route_count_max"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        KELNetioConfigurator *configurator = KELNetioConfigurator_new(row.plugin_count_max, 0);
-        VESK_Transport_Plugin *first = newFakePlugin();
-        KELNetioAliasList list = aliasList("a,busy");
-        ASSERT_EQ(KELNetioConfigurator_installTransportPlugin(configurator, nullptr, first, &list,
-                                                              nullptr, &worker_),
-                  1);
-        VESK_Transport_Plugin *plugin =
-            row.null_plugin ? nullptr : (row.same_plugin ? first : newFakePlugin());
-        list = row.unterminated ? unterminated : aliasList(row.aliases);
-        LogCapture log;
-        EXPECT_EQ(KELNetioConfigurator_installTransportPlugin(
-                      row.null_configurator ? nullptr : configurator, nullptr, plugin, &list,
-                      nullptr, &worker_),
-                  0);
+        Setup setup(&worker_);
+        vesk::test::LogCapture log;
+        EXPECT_EQ(row.refused(setup, &worker_), 0);
         const auto entries = log.entries();
         ASSERT_EQ(entries.size(), 1u);
         EXPECT_EQ(entries[0].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
-        EXPECT_EQ(entries[0].function, "KELNetioConfigurator_installTransportPlugin");
+        EXPECT_EQ(entries[0].function, row.function);
         EXPECT_EQ(log.summary()[0], "KEL_LOG_ANY_FAILURE_s(" + row.reason + ")");
-        if (plugin != nullptr && plugin != first) fakeDelete(plugin, nullptr);
-        KELNetioConfigurator_delete(configurator);
     }
 }
 

@@ -7,10 +7,11 @@
 // (there is no uninstall), but the epoch still lets a reference forged or
 // copied from another configurator be told apart from a live one.
 //
-// A refused installation is reported through the result, which its callers
-// log in their own terms (an alias list, say), and first in the
+// A refused installation or route is reported through the result, which its
+// callers log in their own terms (an alias list, say), and first in the
 // configurator's own log line, which names the reason: the alias already in
-// use, the plugin already installed, the table full.
+// use, the plugin already installed, the route that exists already, the
+// table full.
 
 #include "vesk_transport/platform/Configurator.h"
 
@@ -115,67 +116,85 @@ bool sameRoute(const KELNetioRoute &a, const KELNetioRoute &b) {
            sameReference(a.plugin_reference, b.plugin_reference);
 }
 
-int addRoute(KELNetioConfigurator *self, const KELNetioRoute &route) {
-    if (!referenceIsLive(self, &route.plugin_reference)) return 0;
-    for (int i = 0; i < self->routeCount; ++i) {
-        if (sameRoute(self->routes[i], route)) return 0;
-    }
-    if (self->routeCount >= self->routeCountMax) return 0;
-    self->routes[self->routeCount++] = route;
-    return 1;
-}
-
-// Why an installation is refused: the reason the configurator logs, with
-// the detail that names the culprit (%.*s, when the reason has one) and how
-// to fix it.
-enum class InstallRefusal {
+// Why an installation or a route is refused: the reason the configurator
+// logs, with the detail that names the culprit (%.*s, when the reason has
+// one) and how to fix it.
+enum class Refusal {
     NoConfigurator,
     NoPlugin,
     AlreadyInstalled,
     Unterminated,
     AliasInUse,
-    Full
+    PluginTableFull,
+    NoFilterOrReference,
+    ReservedNotNull,
+    NotLive,
+    SameRoute,
+    RouteTableFull
 };
 
-struct InstallRefusalRow {
-    InstallRefusal refusal;
+struct RefusalRow {
+    Refusal refusal;
     const char *format;
 };
 
-constexpr InstallRefusalRow INSTALL_REFUSALS[] = {
-    {InstallRefusal::NoConfigurator, "the configurator is NULL"},
-    {InstallRefusal::NoPlugin, "the plugin is NULL: pass the plugin to install"},
-    {InstallRefusal::AlreadyInstalled,
+constexpr RefusalRow REFUSALS[] = {
+    {Refusal::NoConfigurator, "the configurator is NULL"},
+    {Refusal::NoPlugin, "the plugin is NULL: pass the plugin to install"},
+    {Refusal::AlreadyInstalled,
      "the plugin is installed already, under \"%.*s\": install a plugin object once"},
-    {InstallRefusal::Unterminated,
+    {Refusal::Unterminated,
      "the alias list is not terminated within its %.*s characters: fill it with "
      "KELNetioAliasList_appendFromString"},
-    {InstallRefusal::AliasInUse,
+    {Refusal::AliasInUse,
      "the alias \"%.*s\" is in use by an installed plugin: choose another alias"},
-    {InstallRefusal::Full,
+    {Refusal::PluginTableFull,
      "all %.*s plugin slots are in use: make the configurator with a larger plugin_count_max"},
+    {Refusal::NoFilterOrReference, "the filter or the plugin reference is NULL"},
+    {Refusal::ReservedNotNull, "reserved is not NULL: pass NULL"},
+    {Refusal::NotLive,
+     "the plugin reference names no installation of this configurator: pass the reference "
+     "that installing the plugin filled"},
+    {Refusal::SameRoute, "the same route exists already"},
+    {Refusal::RouteTableFull,
+     "all %.*s route slots are in use: make the configurator with a larger route_count_max"},
 };
 
-// Logs the reason and returns the refusal's result, 0.
-int refuseInstallation(InstallRefusal refusal, std::string_view detail = {}) noexcept {
+// Logs the reason for the refusing operation and returns its result, 0.
+int refuse(const char *function, Refusal refusal, std::string_view detail = {}) noexcept {
     if (!KELLog_isEnabled(KEL_LOG_BIT_ERROR, DDS_SUBMODULE_MASK_TRANSPORT)) return 0;
-    for (const InstallRefusalRow &row : INSTALL_REFUSALS) {
+    for (const RefusalRow &row : REFUSALS) {
         if (row.refusal != refusal) continue;
         char reason[KEL_NETIO_ALIAS_LIST_LENGTH_MAX + 160];
         std::snprintf(reason, sizeof reason, row.format, static_cast<int>(detail.size()),
                       detail.data());
         KELLogMessage_printWithParams(-1, KEL_LOG_BIT_ERROR, VESK_TRANSPORT_LOG_MODULE_ID, __FILE__,
-                                      __LINE__, "KELNetioConfigurator_installTransportPlugin",
-                                      &KEL_LOG_ANY_FAILURE_s, reason);
+                                      __LINE__, function, &KEL_LOG_ANY_FAILURE_s, reason);
     }
     return 0;
 }
+
+constexpr const char *INSTALL_NAME = "KELNetioConfigurator_installTransportPlugin";
+constexpr const char *DESTINATION_ROUTE_NAME = "KELNetioConfigurator_addDestinationRoute";
+constexpr const char *ENTRYPORT_ROUTE_NAME = "KELNetioConfigurator_addEntryportRoute";
 
 // A count as text, for a refusal's detail.
 struct CountText {
     explicit CountText(int count) { std::snprintf(text, sizeof text, "%d", count); }
     char text[16];
 };
+
+int addRoute(KELNetioConfigurator *self, const KELNetioRoute &route, const char *function) {
+    if (!referenceIsLive(self, &route.plugin_reference)) return refuse(function, Refusal::NotLive);
+    for (int i = 0; i < self->routeCount; ++i) {
+        if (sameRoute(self->routes[i], route)) return refuse(function, Refusal::SameRoute);
+    }
+    if (self->routeCount >= self->routeCountMax) {
+        return refuse(function, Refusal::RouteTableFull, CountText(self->routeCountMax).text);
+    }
+    self->routes[self->routeCount++] = route;
+    return 1;
+}
 
 void destroy(KELNetioConfigurator *self) {
     KELOsapiHeap_freeArray(self->routes);
@@ -316,12 +335,12 @@ int KELNetioConfigurator_installTransportPlugin(KELNetioConfigurator *self,
                                                 const KELNetioAliasList *aliases,
                                                 const VESK_Transport_Address_t *network_address,
                                                 struct REDAWorker *) {
-    if (self == nullptr) return refuseInstallation(InstallRefusal::NoConfigurator);
-    if (plugin == nullptr) return refuseInstallation(InstallRefusal::NoPlugin);
+    if (self == nullptr) return refuse(INSTALL_NAME, Refusal::NoConfigurator);
+    if (plugin == nullptr) return refuse(INSTALL_NAME, Refusal::NoPlugin);
     const int installedSlot = findPlugin(self, plugin);
     if (installedSlot >= 0) {
-        return refuseInstallation(InstallRefusal::AlreadyInstalled,
-                                  self->installations[installedSlot].aliases.element);
+        return refuse(INSTALL_NAME, Refusal::AlreadyInstalled,
+                      self->installations[installedSlot].aliases.element);
     }
 
     KELNetioAliasList ownAliases;
@@ -329,8 +348,8 @@ int KELNetioConfigurator_installTransportPlugin(KELNetioConfigurator *self,
     if (aliases != nullptr) {
         std::string_view text;
         if (!aliasText(aliases, &text)) {
-            return refuseInstallation(InstallRefusal::Unterminated,
-                                      CountText(KEL_NETIO_ALIAS_LIST_LENGTH_MAX + 1).text);
+            return refuse(INSTALL_NAME, Refusal::Unterminated,
+                          CountText(KEL_NETIO_ALIAS_LIST_LENGTH_MAX + 1).text);
         }
         std::memcpy(ownAliases.element, text.data(), text.size());
     }
@@ -346,14 +365,14 @@ int KELNetioConfigurator_installTransportPlugin(KELNetioConfigurator *self,
         }
         return false;
     });
-    if (!taken.empty()) return refuseInstallation(InstallRefusal::AliasInUse, taken);
+    if (!taken.empty()) return refuse(INSTALL_NAME, Refusal::AliasInUse, taken);
 
     int slot = -1;
     for (int i = 0; i < self->pluginCountMax && slot < 0; ++i) {
         if (self->installations[i].plugin == nullptr) slot = i;
     }
     if (slot < 0)
-        return refuseInstallation(InstallRefusal::Full, CountText(self->pluginCountMax).text);
+        return refuse(INSTALL_NAME, Refusal::PluginTableFull, CountText(self->pluginCountMax).text);
 
     Installation &installation = self->installations[slot];
     installation.plugin = plugin;
@@ -391,29 +410,35 @@ int KELNetioConfigurator_addDestinationRoute(KELNetioConfigurator *self,
                                              const KELNetioAddressFilter *filter,
                                              const struct REDAWeakReference *plugin_reference,
                                              const void *reserved, struct REDAWorker *) {
-    if (self == nullptr || filter == nullptr || plugin_reference == nullptr) return 0;
-    if (reserved != nullptr) return 0;
+    if (self == nullptr) return refuse(DESTINATION_ROUTE_NAME, Refusal::NoConfigurator);
+    if (filter == nullptr || plugin_reference == nullptr) {
+        return refuse(DESTINATION_ROUTE_NAME, Refusal::NoFilterOrReference);
+    }
+    if (reserved != nullptr) return refuse(DESTINATION_ROUTE_NAME, Refusal::ReservedNotNull);
     KELNetioRoute route;
     std::memset(&route, 0, sizeof(route));
     route.kind = KEL_NETIO_ROUTE_DESTINATION;
     route.service_class = service_class;
     route.filter = *filter;
     route.plugin_reference = *plugin_reference;
-    return addRoute(self, route);
+    return addRoute(self, route, DESTINATION_ROUTE_NAME);
 }
 
 int KELNetioConfigurator_addEntryportRoute(KELNetioConfigurator *self,
                                            const KELNetioAddressFilter *filter,
                                            const struct REDAWeakReference *plugin_reference,
                                            struct REDAWorker *) {
-    if (self == nullptr || filter == nullptr || plugin_reference == nullptr) return 0;
+    if (self == nullptr) return refuse(ENTRYPORT_ROUTE_NAME, Refusal::NoConfigurator);
+    if (filter == nullptr || plugin_reference == nullptr) {
+        return refuse(ENTRYPORT_ROUTE_NAME, Refusal::NoFilterOrReference);
+    }
     KELNetioRoute route;
     std::memset(&route, 0, sizeof(route));
     route.kind = KEL_NETIO_ROUTE_ENTRYPORT;
     route.service_class = 0;
     route.filter = *filter;
     route.plugin_reference = *plugin_reference;
-    return addRoute(self, route);
+    return addRoute(self, route, ENTRYPORT_ROUTE_NAME);
 }
 
 int KELNetioConfigurator_getRouteCount(const KELNetioConfigurator *self) {
