@@ -601,123 +601,85 @@ TEST(AliasListTest, AppendFromString) {
     EXPECT_EQ(full.element[KEL_NETIO_ALIAS_LIST_LENGTH_MAX], 'x');
 }
 
-// Every refusal says why, in the configurator's own line.
+// Every refusal says why, in the configurator's own line. Each row starts
+// from room for one plugin, installed under "a,busy", and one route to it.
 TEST_F(ConfiguratorTest, RefusalsLogTheirReason) {
-    // Room for one plugin, installed under "a,busy", and for one route to it.
-    struct Setup {
-        Setup(REDAWorker *worker) {
-            KELNetioAliasList list = aliasList("a,busy");
-            KELNetioConfigurator_installTransportPlugin(configurator, &reference, first, &list,
-                                                        nullptr, worker);
-            KELNetioConfigurator_addDestinationRoute(configurator, 0, &filter, &reference, nullptr,
-                                                     worker);
-        }
-        ~Setup() {
-            KELNetioConfigurator_delete(configurator);
-            fakeDelete(spare, nullptr);
-        }
+    enum Call { INSTALL, DESTINATION, ENTRYPORT };
+    enum Argument { NONE, FIRST, SPARE, UNTERMINATED, RESERVED, STALE };
+    struct Row {
+        Call call;
+        Argument argument;  // the plugin for INSTALL, else the odd argument
+        const char *aliases;
+        std::string reason;
+    };
+    const std::vector<Row> rows = {
+        {INSTALL, NONE, "b", "the plugin is NULL: pass the plugin to install"},
+        {INSTALL, FIRST, "b",
+         "the plugin is installed already, under \"a,busy\": install a plugin object once"},
+        {INSTALL, UNTERMINATED, "",
+         "the alias list is not terminated within its 129 characters: fill it with "
+         "KELNetioAliasList_appendFromString"},
+        {INSTALL, SPARE, "free,busy,a",
+         "the alias \"busy\" is in use by an installed plugin: choose another alias"},
+        {INSTALL, SPARE, "b",
+         "all 1 plugin slots are in use: make the configurator with a larger plugin_count_max"},
+        {DESTINATION, NONE, "", "the filter or the plugin reference is NULL"},
+        {DESTINATION, RESERVED, "", "reserved is not NULL: pass NULL"},
+        {ENTRYPORT, STALE, "",
+         "the plugin reference names no installation of this configurator: pass the reference "
+         "that installing the plugin filled"},
+        {DESTINATION, FIRST, "", "the same route exists already"},
+        {ENTRYPORT, FIRST, "",
+         "all 1 route slots are in use: make the configurator with a larger route_count_max"},
+    };
+    const char *const names[] = {"KELNetioConfigurator_installTransportPlugin",
+                                 "KELNetioConfigurator_addDestinationRoute",
+                                 "KELNetioConfigurator_addEntryportRoute"};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.reason);
         KELNetioConfigurator *configurator = KELNetioConfigurator_new(1, 1);
         VESK_Transport_Plugin *first = newFakePlugin();
         VESK_Transport_Plugin *spare = newFakePlugin();
+        KELNetioAliasList list = aliasList("a,busy");
         REDAWeakReference reference{};
-        KELNetioAddressFilter filter{};
-        static int install(KELNetioConfigurator *configurator, VESK_Transport_Plugin *plugin,
-                           KELNetioAliasList list, REDAWorker *worker) {
-            return KELNetioConfigurator_installTransportPlugin(configurator, nullptr, plugin, &list,
-                                                               nullptr, worker);
-        }
-    };
-    const std::string INSTALL = "KELNetioConfigurator_installTransportPlugin";
-    const std::string DESTINATION = "KELNetioConfigurator_addDestinationRoute";
-    const std::string ENTRYPORT = "KELNetioConfigurator_addEntryportRoute";
-    struct Row {
-        const char *name;
-        int (*refused)(Setup &, REDAWorker *);
-        std::string function, reason;
-    };
-    const std::vector<Row> rows = {
-        {"no configurator",
-         [](Setup &s, REDAWorker *w) {
-             return Setup::install(nullptr, s.spare, aliasList("b"), w);
-         },
-         INSTALL, "the configurator is NULL"},
-        {"no plugin",
-         [](Setup &s, REDAWorker *w) {
-             return Setup::install(s.configurator, nullptr, aliasList("b"), w);
-         },
-         INSTALL, "the plugin is NULL: pass the plugin to install"},
-        {"same plugin",
-         [](Setup &s, REDAWorker *w) {
-             return Setup::install(s.configurator, s.first, aliasList("b"), w);
-         },
-         INSTALL,
-         "the plugin is installed already, under \"a,busy\": install a plugin object once"},
-        {"alias list not terminated",
-         [](Setup &s, REDAWorker *w) {
-             KELNetioAliasList unterminated;
-             std::memset(&unterminated, 'x', sizeof(unterminated));
-             return Setup::install(s.configurator, s.spare, unterminated, w);
-         },
-         INSTALL,
-         "the alias list is not terminated within its 129 characters: fill it with "
-         "KELNetioAliasList_appendFromString"},
-        {"alias in use",
-         [](Setup &s, REDAWorker *w) {
-             return Setup::install(s.configurator, s.spare, aliasList("free,busy"), w);
-         },
-         INSTALL, "the alias \"busy\" is in use by an installed plugin: choose another alias"},
-        {"plugin table full",
-         [](Setup &s, REDAWorker *w) {
-             return Setup::install(s.configurator, s.spare, aliasList("b"), w);
-         },
-         INSTALL,
-         "all 1 plugin slots are in use: make the configurator with a larger plugin_count_max"},
-        {"no filter",
-         [](Setup &s, REDAWorker *w) {
-             return KELNetioConfigurator_addDestinationRoute(s.configurator, 0, nullptr,
-                                                             &s.reference, nullptr, w);
-         },
-         DESTINATION, "the filter or the plugin reference is NULL"},
-        {"reserved",
-         [](Setup &s, REDAWorker *w) {
-             return KELNetioConfigurator_addDestinationRoute(s.configurator, 0, &s.filter,
-                                                             &s.reference, &s, w);
-         },
-         DESTINATION, "reserved is not NULL: pass NULL"},
-        {"stale reference",
-         [](Setup &s, REDAWorker *w) {
-             REDAWeakReference stale = s.reference;
-             ++stale._referentEpochAtCreation;
-             return KELNetioConfigurator_addEntryportRoute(s.configurator, &s.filter, &stale, w);
-         },
-         ENTRYPORT,
-         "the plugin reference names no installation of this configurator: pass the reference "
-         "that installing the plugin filled"},
-        {"same route",
-         [](Setup &s, REDAWorker *w) {
-             return KELNetioConfigurator_addDestinationRoute(s.configurator, 0, &s.filter,
-                                                             &s.reference, nullptr, w);
-         },
-         DESTINATION, "the same route exists already"},
-        {"route table full",
-         [](Setup &s, REDAWorker *w) {
-             return KELNetioConfigurator_addEntryportRoute(s.configurator, &s.filter, &s.reference,
-                                                           w);
-         },
-         ENTRYPORT,
-         "all 1 route slots are in use: make the configurator with a larger route_count_max"},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        Setup setup(&worker_);
+        const KELNetioAddressFilter filter{};
+        KELNetioConfigurator_installTransportPlugin(configurator, &reference, first, &list, nullptr,
+                                                    &worker_);
+        KELNetioConfigurator_addDestinationRoute(configurator, 0, &filter, &reference, nullptr,
+                                                 &worker_);
+        list = aliasList(row.aliases);
+        if (row.argument == UNTERMINATED) std::memset(&list, 'x', sizeof(list));
+        REDAWeakReference stale = reference;
+        ++stale._referentEpochAtCreation;
         vesk::test::LogCapture log;
-        EXPECT_EQ(row.refused(setup, &worker_), 0);
-        const auto entries = log.entries();
-        ASSERT_EQ(entries.size(), 1u);
-        EXPECT_EQ(entries[0].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
-        EXPECT_EQ(entries[0].function, row.function);
-        EXPECT_EQ(log.summary()[0], "KEL_LOG_ANY_FAILURE_s(" + row.reason + ")");
+        int result = -1;
+        if (row.call == INSTALL) {
+            VESK_Transport_Plugin *plugin =
+                row.argument == NONE ? nullptr : (row.argument == FIRST ? first : spare);
+            result = KELNetioConfigurator_installTransportPlugin(configurator, nullptr, plugin,
+                                                                 &list, nullptr, &worker_);
+        } else if (row.call == DESTINATION) {
+            result = KELNetioConfigurator_addDestinationRoute(
+                configurator, 0, row.argument == NONE ? nullptr : &filter, &reference,
+                row.argument == RESERVED ? &filter : nullptr, &worker_);
+        } else {
+            result = KELNetioConfigurator_addEntryportRoute(
+                configurator, &filter, row.argument == STALE ? &stale : &reference, &worker_);
+        }
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(log.summary(),
+                  std::vector<std::string>{"KEL_LOG_ANY_FAILURE_s(" + row.reason + ")"});
+        for (const auto &entry : log.entries()) {
+            EXPECT_EQ(entry.function, names[row.call]);
+            EXPECT_EQ(entry.level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
+        }
+        fakeDelete(spare, nullptr);
+        KELNetioConfigurator_delete(configurator);
     }
+    vesk::test::LogCapture log;
+    EXPECT_EQ(KELNetioConfigurator_addEntryportRoute(nullptr, nullptr, nullptr, &worker_), 0);
+    EXPECT_EQ(log.summary(),
+              std::vector<std::string>{"KEL_LOG_ANY_FAILURE_s(the configurator is NULL)"});
 }
 
 }  // namespace

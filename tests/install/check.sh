@@ -20,6 +20,10 @@ depends=$(dpkg-deb -f "$deb" Depends)
 for runtime in libc6 libstdc++6 libtinyxml2; do
     [[ $depends == *"$runtime"* ]] || fail "Depends lacks $runtime: $depends"
 done
+# The shared library exports its C interface, nothing of its C++ insides.
+shared=$(find "$scratch/root" -name libvesk_transport.so.0)
+cxx_exports=$(nm -D --defined-only "$shared" | grep ' _Z' || true)
+[[ -z $cxx_exports ]] || fail "the shared library exports C++ symbols: $cxx_exports"
 "$scratch/root/usr/bin/vesk-transport" --help >/dev/null
 zgrep -q '^\.SH "vesk-transport show"' "$scratch/root/usr/share/man/man1/vesk-transport.1.gz" ||
     fail "the man page lacks the show command"
