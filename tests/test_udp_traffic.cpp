@@ -123,6 +123,35 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
     }
 }
 
+// Shares are counted per port (receive) or destination (send); the
+// creator's share stays until destroy; what does not match is refused.
+TEST(UdpResources, SharesAreCountedAndMismatchesRefused) {
+    PluginHandle plugin = makeUdp(Ip::V4);
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *p = plugin.get();
+    Link link(p, Ip::V4);
+    const VESK_Transport_Address_t here = loopbackAddress(Ip::V4), group = [p] {
+        VESK_Transport_Address_t a{};
+        p->string_to_address_cEA(p, &a, "239.255.0.1");
+        return a;
+    }();
+    LogCapture log;
+    const int results[] = {
+        p->share_recvresource_rrEA(p, &link.receiver, nullptr, link.port, 0),
+        p->share_recvresource_rrEA(p, &link.receiver, nullptr, link.port + 1, 0),
+        p->share_recvresource_rrEA(p, &link.receiver, &group, link.port, 0),
+        p->unshare_recvresource_rrEA(p, &link.receiver, nullptr, link.port),
+        p->unshare_recvresource_rrEA(p, &link.receiver, nullptr, link.port),
+        p->share_sendresource_srEA(p, &link.sender, &here, link.port, 0),
+        p->share_sendresource_srEA(p, &link.sender, &here, link.port + 1, 0),
+        p->unshare_sendresource_srEA(p, &link.sender, &here, link.port, 0),
+        p->unshare_sendresource_srEA(p, &link.sender, &here, link.port, 0),
+    };
+    EXPECT_EQ(std::vector<int>(std::begin(results), std::end(results)),
+              (std::vector<int>{1, 0, 0, 1, 0, 1, 0, 1, 0}));
+    EXPECT_EQ(log.entries().size(), 5u);  // one warning per refusal
+}
+
 // Statistics by kind, from RTPS bytes sent and received over loopback.
 struct KindRow {
     const char *name;
