@@ -153,13 +153,29 @@ TEST(UdpResources, SharesAreCountedAndMismatchesRefused) {
 }
 
 // Statistics by kind, from RTPS bytes sent and received over loopback.
+struct Counters {
+    Counter packets_sent, packets_received, bytes_received;
+};
+using S = Stats;
+const Counters kUser{&S::user_packets_sent, &S::user_packets_received, &S::user_bytes_received},
+    kParticipants{&S::participant_discovery_packets_sent,
+                  &S::participant_discovery_packets_received,
+                  &S::participant_discovery_bytes_received},
+    kEndpoints{&S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
+               &S::endpoint_discovery_bytes_received},
+    kAutomatic{&S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received,
+               &S::automatic_liveliness_bytes_received},
+    kManual{&S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received,
+            &S::manual_liveliness_bytes_received},
+    kLiveliness{&S::_liveliness_packets_sent, &S::_liveliness_packets_received,
+                &S::_liveliness_bytes_received},
+    kDiscovery{&S::discovery_packets_sent, &S::discovery_packets_received,
+               &S::discovery_bytes_received};
+
 struct KindRow {
     const char *name;
     Bytes bytes;
-    Counter packets_sent;
-    Counter packets_received;
-    Counter bytes_received;
-    bool rtps;
+    const Counters &counters;
 };
 
 const Bytes kSpdp = {0x00, 0x01, 0x00, 0xc2}, kSecureSpdp = {0xff, 0x01, 0x01, 0xc2},
@@ -184,45 +200,21 @@ Bytes lengthPastTheEnd() {
 }
 
 TEST(UdpStatistics, RealRtpsTrafficCountsByKind) {
-    using S = Stats;
     const KindRow rows[] = {
-        {"SPDP data", Rtps().data(kSpdp, {1, 2}).bytes, &S::participant_discovery_packets_sent,
-         &S::participant_discovery_packets_received, &S::participant_discovery_bytes_received,
-         true},
-        {"secure SPDP heartbeat", Rtps().named(0x07, kSecureSpdp).bytes,
-         &S::participant_discovery_packets_sent, &S::participant_discovery_packets_received,
-         &S::participant_discovery_bytes_received, true},
-        {"topics acknack", Rtps().named(0x06, kTopics).bytes, &S::endpoint_discovery_packets_sent,
-         &S::endpoint_discovery_packets_received, &S::endpoint_discovery_bytes_received, true},
-        {"INFO_TS, then publications data",
-         Rtps().submessage(0x09, Bytes(8)).data(kPublications).bytes,
-         &S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
-         &S::endpoint_discovery_bytes_received, true},
-        {"big-endian subscriptions heartbeat", bigEndianHeartbeat(kSubscriptions),
-         &S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
-         &S::endpoint_discovery_bytes_received, true},
-        {"automatic liveliness", Rtps().liveliness(kParticipantMessage, 1).bytes,
-         &S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received,
-         &S::automatic_liveliness_bytes_received, true},
-        {"manual liveliness", Rtps().liveliness(kParticipantMessage, 2).bytes,
-         &S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received,
-         &S::manual_liveliness_bytes_received, true},
-        {"secure liveliness", Rtps().liveliness(kSecureParticipantMessage, 1).bytes,
-         &S::_liveliness_packets_sent, &S::_liveliness_packets_received,
-         &S::_liveliness_bytes_received, true},
+        {"SPDP data", Rtps().data(kSpdp, {1, 2}).bytes, kParticipants},
+        {"secure SPDP heartbeat", Rtps().named(0x07, kSecureSpdp).bytes, kParticipants},
+        {"topics acknack", Rtps().named(0x06, kTopics).bytes, kEndpoints},
+        {"INFO_TS, publications data", Rtps().submessage(0x09, Bytes(8)).data(kPublications).bytes,
+         kEndpoints},
+        {"big-endian subscriptions heartbeat", bigEndianHeartbeat(kSubscriptions), kEndpoints},
+        {"automatic liveliness", Rtps().liveliness(kParticipantMessage, 1).bytes, kAutomatic},
+        {"manual liveliness", Rtps().liveliness(kParticipantMessage, 2).bytes, kManual},
+        {"secure liveliness", Rtps().liveliness(kSecureParticipantMessage, 1).bytes, kLiveliness},
         {"participant-message heartbeat", Rtps().named(0x07, kParticipantMessage).bytes,
-         &S::discovery_packets_sent, &S::discovery_packets_received, &S::discovery_bytes_received,
-         true},
-        {"user data", Rtps().data(kUserWriter, {9}).bytes, &S::user_packets_sent,
-         &S::user_packets_received, &S::user_bytes_received, true},
-        {"length past the end", lengthPastTheEnd(), &S::user_packets_sent,
-         &S::user_packets_received, &S::user_bytes_received, true},
-        {"not RTPS",
-         {'h', 'e', 'l', 'l', 'o'},
-         &S::user_packets_sent,
-         &S::user_packets_received,
-         &S::user_bytes_received,
-         false},
+         kDiscovery},
+        {"user data", Rtps().data(kUserWriter, {9}).bytes, kUser},
+        {"length past the end", lengthPastTheEnd(), kUser},
+        {"not RTPS", {'h', 'e', 'l', 'l', 'o'}, kUser},
     };
     PluginHandle plugin = makeUdp(Ip::V4);
     ASSERT_NE(plugin, nullptr);
@@ -233,12 +225,12 @@ TEST(UdpStatistics, RealRtpsTrafficCountsByKind) {
         ASSERT_EQ(link.send(row.bytes), 1);
         ASSERT_EQ(link.receive(), row.bytes);
         const Stats after = statisticsOf(plugin.get());
-        EXPECT_EQ(after.*row.packets_sent - before.*row.packets_sent, 1u);
-        EXPECT_EQ(after.*row.packets_received - before.*row.packets_received, 1u);
-        EXPECT_EQ(after.*row.bytes_received - before.*row.bytes_received,
-                  row.bytes.size() - (row.rtps ? 20u : 0u));
-        EXPECT_EQ(after.overhead_bytes_received - before.overhead_bytes_received,
-                  row.rtps ? 20u : 0u);
+        const Counters &c = row.counters;
+        const size_t header = row.bytes[0] == 'R' ? 20 : 0;
+        EXPECT_EQ(after.*c.packets_sent - before.*c.packets_sent, 1u);
+        EXPECT_EQ(after.*c.packets_received - before.*c.packets_received, 1u);
+        EXPECT_EQ(after.*c.bytes_received - before.*c.bytes_received, row.bytes.size() - header);
+        EXPECT_EQ(after.overhead_bytes_received - before.overhead_bytes_received, header);
     }
 }
 
