@@ -93,6 +93,15 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
          {{"multicast_enabled", "0"}},
          [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
          "UDPv4 transport: multicast is off: set multicast_enabled to 1"},
+        {"send port",
+         {},
+         [](auto *p) {
+             VESK_Transport_SendResource_t sender = nullptr;
+             const VESK_Transport_Address_t address = loopbackAddress(Ip::V4);
+             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0);
+         },
+         "UDPv4 transport: sendresource_out and dest_address_in are required and the port at "
+         "most 65535"},
         {"not a group",
          {},
          [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
