@@ -22,6 +22,8 @@
 #include "support/AllocationSweep.hpp"
 #include "support/TestSupport.hpp"
 #include "support/UdpTraffic.hpp"
+#include "vesk_transport/platform/SocketUtil.h"
+#include "vesk_transport/platform/udp/Socket.hpp"
 
 namespace {
 
@@ -129,6 +131,25 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
         EXPECT_NE(entries[0].params.at(0).find(row.message), std::string::npos)
             << entries[0].params[0];
         EXPECT_EQ(openDescriptorCount(), descriptors);
+    }
+}
+
+// Multicast by family: 224.0.0.0/4 (also IPv4-mapped into IPv6), ff00::/8.
+TEST(UdpResources, MulticastAddressesByFamily) {
+    const struct {
+        bool ipv6;
+        const char *text;
+        bool multicast;
+    } rows[] = {{false, "239.255.0.1", true},     {false, "127.0.0.1", false},
+                {true, "ff02::1", true},          {true, "::1", false},
+                {true, "::ffff:239.1.1.1", true}, {true, "::ffff:127.0.0.1", false},
+                {true, "::e000:1", false}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text);
+        VESK_Transport_Address_t address{};
+        ASSERT_EQ(
+            VESK_Transport_SocketUtil_StringAddress_to_transportAddress(&address, row.text, 0), 1);
+        EXPECT_EQ(vesk::udp::isMulticast(row.ipv6, address), row.multicast);
     }
 }
 
