@@ -104,6 +104,11 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
          },
          "UDPv4 transport: sendresource_out and dest_address_in are required and the port at "
          "most 65535"},
+        {"no multicast interface",
+         {{"parent.allow_multicast_interfaces_list", "none0"}},
+         [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
+         "UDPv4 transport: group 239.255.0.1 joined on no interface (0 selected by the "
+         "multicast interface lists)"},
         {"not a group",
          {},
          [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
