@@ -1,19 +1,21 @@
 // The UDP transport module: record copy, constructors and their refusals,
 // plugin operations, interface selection, statistics and run-time control.
+// Allocation failures of the constructors are swept in
+// test_allocation_sweep, concurrent statistics in test_concurrency, real
+// traffic in test_udp_traffic.
 
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/TestSupport.hpp"
+#include "vesk_transport/Support.h"
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Udp.h"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
@@ -43,43 +45,10 @@ const ClassRow &classOf(Kind kind) {
 
 // The class's default record, as the factories start from it.
 VESK_Transport_UDP_Property_t defaults(Kind kind) {
-    VESK_Transport_UDP_Property_t p{};
-    p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4;
-    p.parent.address_bit_count = 32;
-    p.parent.gather_send_buffer_count_max = 16;
-    p.parent.message_size_max = 65507;
-    p.parent.max_interface_count = -1;
-    p.send_socket_buffer_size = 0x200000;
-    p.recv_socket_buffer_size = 0x200000;
-    p.unicast_enabled = 1;
-    p.multicast_enabled = 1;
-    p.multicast_ttl = 1;
-    p.ignore_loopback_interface = -1;
-    p.ignore_nonup_interfaces = 1;
-    p.ignore_nonrunning_interfaces = 1;
-    p.send_blocking = 1;
-    p.use_checksum = 1;
-    p.transport_priority_mapping_high = 255;
-    p.send_ping = 1;
-    p.interface_poll_period = 500;
-    p.reuse_multicast_receive_resource = 1;
-    p.protocol_overhead_max = 28;
-    p.join_multicast_group_timeout = 5000;
-    if (kind == Kind::WAN) {
-        p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4_WAN;
-        p.parent.address_bit_count = 128;
-        p.parent.message_size_max = 1400;
-        p.multicast_enabled = 0;
-        p.port_offset = 125;
-        p.binding_ping_period = 1000;
-    } else if (kind == Kind::V6) {
-        p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6;
-        p.parent.address_bit_count = 128;
-        p.parent.message_size_max = 65487;
-        p.use_checksum = 0;
-        p.protocol_overhead_max = 48;
-    }
-    return p;
+    static const VESK_Transport_UDP_Property_t *const records[] = {
+        &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT,
+        &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT};
+    return *records[static_cast<int>(kind)];
 }
 
 struct PluginDeleter {
@@ -395,38 +364,6 @@ TEST(UdpConstructor, AcceptsTheLimitsOfEachRule) {
     }
 }
 
-// Each allocation of a construction fails in turn: NULL, one message,
-// nothing left allocated; then the construction succeeds.
-TEST(UdpConstructor, EveryAllocationFailureLeavesNothing) {
-    WanSource source;
-    source.record.parent.allow_interfaces_list_length = 1;  // "lo": one interface array
-    source.record.ignore_loopback_interface = 0;
-    int failures = 0;
-    for (long n = 1; n < 100; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
-        LogCapture log;
-        const KEL_UINT64 before = liveHeapBlocks();
-        KELOsapiHeap_failAllocationAfter(n);
-        VESK_Transport_Plugin *plugin =
-            VESK_Transport_UDPv4_WAN_newI(&source.record, nullptr, nullptr);
-        const bool pending = KELOsapiHeap_isFailurePending() != 0;
-        KELOsapiHeap_failAllocationAfter(0);
-        if (plugin != nullptr) {
-            EXPECT_TRUE(pending);
-            EXPECT_TRUE(log.entries().empty());
-            plugin->delete_cEA(plugin, nullptr);
-            break;
-        }
-        ++failures;
-        EXPECT_EQ(liveHeapBlocks(), before);
-        EXPECT_EQ(log.summary(), (std::vector<std::string>{
-                                     "KEL_LOG_ANY_FAILURE_s(UDPv4_WAN transport: out of memory)"}));
-    }
-    // The plugin, the record copy (array + 1 string, prefix, public address,
-    // port list) and the interface array.
-    EXPECT_EQ(failures, 7);
-}
-
 // ---------------------------------------------------------------------
 // Plugin operations
 
@@ -488,11 +425,6 @@ TEST(UdpPlugin, AddressAndPortOperations) {
         SCOPED_TRACE(row.port);
         EXPECT_EQ(self->is_valid_entry_port(self, row.port), row.valid);
     }
-
-    // Without sockets no resource can be made; nothing is touched.
-    VESK_Transport_SendResource_t send = nullptr;
-    EXPECT_EQ(self->create_sendresource_srEA(self, &send, &a, 7400, 0), 0);
-    EXPECT_EQ(send, nullptr);
 }
 
 TEST(UdpPlugin, IsUdpPluginRecognisesOnlyItsOwn) {
@@ -825,61 +757,6 @@ TEST(UdpStatistics, PrioritiesEventsAndBadArguments) {
     S got;
     ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &got), 1);
     EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0);
-}
-
-// One thread counts while another takes snapshots: no snapshot holds part
-// of a count operation, and no counter goes back.
-TEST(UdpStatistics, SnapshotsAreConsistentWhileCounting) {
-    PluginPtr plugin = make(Kind::V4, defaults(Kind::V4));
-    ASSERT_NE(plugin, nullptr);
-    VESK_Transport_Plugin *self = plugin.get();
-    constexpr int kRounds = 100000;
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        for (int i = 0; i < kRounds; ++i) {
-            VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
-                                             VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 100);
-            VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
-                                             VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 1, 40);
-            VESK_Transport_UDP_count_received_priority(self, static_cast<unsigned char>(i));
-        }
-        done.store(true);
-    });
-    S previous{};
-    long snapshots = 0;
-    long inconsistent = 0;
-    long backwards = 0;
-    while (!done.load() || snapshots == 0) {
-        S now;
-        ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &now), 1);
-        ++snapshots;
-        if (now.user_bytes_sent != 100 * now.user_packets_sent ||
-            now.automatic_liveliness_bytes_received !=
-                40 * now.automatic_liveliness_packets_received ||
-            now._liveliness_bytes_received != now.automatic_liveliness_bytes_received ||
-            now._liveliness_packets_received != now.automatic_liveliness_packets_received) {
-            ++inconsistent;
-        }
-        if (now.user_packets_sent < previous.user_packets_sent ||
-            now.automatic_liveliness_packets_received <
-                previous.automatic_liveliness_packets_received ||
-            now.received_priority_count[0] < previous.received_priority_count[0]) {
-            ++backwards;
-        }
-        previous = now;
-    }
-    writer.join();
-    EXPECT_EQ(inconsistent, 0);
-    EXPECT_EQ(backwards, 0);
-    S last;
-    ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &last), 1);
-    EXPECT_EQ(last.user_packets_sent, static_cast<KEL_UINT64>(kRounds));
-    EXPECT_EQ(last.user_bytes_sent, 100u * kRounds);
-    EXPECT_EQ(last._liveliness_bytes_received, 40u * kRounds);
-    KEL_UINT64 priorities = 0;
-    for (KEL_UINT32 count : last.received_priority_count) priorities += count;
-    EXPECT_EQ(priorities, static_cast<KEL_UINT64>(kRounds));
-    RecordProperty("snapshots", static_cast<int>(snapshots));
 }
 
 // ---------------------------------------------------------------------
