@@ -1,0 +1,65 @@
+// What the UDP transport calls of the WAN parts: the constructor's WAN
+// checks, the reset of the plugin's mapping counts, and the only way the
+// transport calls a listener.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "vesk_transport/platform/Udp.h"
+#include "vesk_transport/platform/udp/Wan.hpp"
+
+namespace vesk::udp {
+
+// The first reason why a WAN plugin cannot run with the record's WAN
+// fields (the listener is registered, the public address is IPv4), or
+// nullptr. Reads nothing through wan_listener.
+const char *wanRefusal(const VESK_Transport_UDP_Property_t &property) noexcept;
+
+// Sets every ref_count of the plugin's own copy of the mappings to 0.
+void resetMappingCounts(VESK_Transport_UDP_Property_t &plugin_copy) noexcept;
+
+// The UDP record copy of a WAN plugin, or nullptr for any other plugin.
+VESK_Transport_UDP_Property_t *wanRecord(VESK_Transport_Plugin *plugin) noexcept;
+
+class WanEngine;
+
+// The binding-ping engine of a WAN plugin, made on first use; nullptr for
+// any other plugin (or when memory runs out).
+std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin) noexcept;
+// Stops and forgets the engine of a plugin being deleted.
+void wanDetach(VESK_Transport_Plugin *plugin) noexcept;
+
+// The ports of a WAN plugin's receive resource for rtps_port: counts the
+// mapping used in its ref_count. wanReleasePorts undoes it.
+std::optional<PortChoice> wanTakePorts(VESK_Transport_Plugin *plugin,
+                                       VESK_Transport_Port_t rtps_port) noexcept;
+void wanReleasePorts(VESK_Transport_Plugin *plugin, const PortChoice &choice) noexcept;
+
+// The receive path and the resources of a WAN plugin (all do nothing and
+// return false for other plugins):
+// a receive socket bound for rtps_port joins the binding pings (the timer
+// starts with the first one); it leaves them before it is closed.
+bool wanReceiveSocketOpened(VESK_Transport_Plugin *plugin, int fd,
+                            VESK_Transport_Port_t rtps_port) noexcept;
+void wanReceiveSocketClosing(VESK_Transport_Plugin *plugin, int fd) noexcept;
+// A send resource's destination becomes (or stops being) a peer to ping.
+void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_in &destination,
+                        bool added) noexcept;
+// Offers a received datagram: true when it is a binding-ping message, which
+// the WAN side has handled and which is not user data.
+bool wanOfferDatagram(VESK_Transport_Plugin *plugin, int fd, const std::uint8_t *data,
+                      std::size_t size, const sockaddr_in &source) noexcept;
+
+// Calls listener->on_public_mapping_resolved when the listener is
+// registered (at the time of the call) and has one; false otherwise.
+// Unregistering waits for calls made here on other threads.
+bool notifyPublicMapping(const VESK_Transport_UDP_WAN_Listener *listener,
+                         const VESK_Transport_Address_t &address,
+                         VESK_Transport_Port_t port) noexcept;
+
+}  // namespace vesk::udp

@@ -1,0 +1,188 @@
+// The WAN side of a UDP plugin: the port rule applied to the plugin's own
+// mapping copy, and the binding-ping engine attached to each WAN plugin
+// (docs/wan-transport.md). The UDP transport reaches it through the hooks
+// of WanHooks.hpp.
+#include <arpa/inet.h>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "vesk_transport/platform/UdpWan.h"
+#include "vesk_transport/platform/udp/Wan.hpp"
+#include "vesk_transport/platform/udp/WanEngine.hpp"
+#include "vesk_transport/platform/udp/WanHooks.hpp"
+
+namespace vesk::udp {
+namespace {
+
+// The engines of the live WAN plugins. A lookup shares the engine, so a
+// plugin being deleted on another thread cannot free it under a caller.
+struct Attached {
+    const VESK_Transport_Plugin *plugin;
+    std::shared_ptr<WanEngine> engine;
+};
+
+std::mutex &attachedMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::vector<Attached> &attached() {
+    static std::vector<Attached> table;
+    return table;
+}
+
+}  // namespace
+
+void resetMappingCounts(VESK_Transport_UDP_Property_t &plugin_copy) noexcept {
+    if (plugin_copy.comm_ports_list == nullptr) return;
+    for (int i = 0; i < plugin_copy.comm_ports_list_length; ++i) {
+        plugin_copy.comm_ports_list[i].ref_count = 0;
+    }
+}
+
+VESK_Transport_UDP_Property_t *wanRecord(VESK_Transport_Plugin *plugin) noexcept {
+    // The plugin's property is the head of its own UDP record copy.
+    if (VESK_Transport_UDP_isUdpPlugin(plugin) == 0 || plugin->property == nullptr ||
+        plugin->property->classid != VESK_TRANSPORT_CLASSID_UDPv4_WAN) {
+        return nullptr;
+    }
+    return reinterpret_cast<VESK_Transport_UDP_Property_t *>(plugin->property);
+}
+
+std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin) noexcept {
+    VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
+    if (record == nullptr) return nullptr;
+    try {
+        std::lock_guard<std::mutex> lock(attachedMutex());
+        for (const Attached &entry : attached()) {
+            if (entry.plugin == plugin) return entry.engine;
+        }
+        WanSettings settings;
+        settings.period_ms = record->binding_ping_period;
+        settings.expiration_ms = effectiveExpiration(record->binding_ping_period,
+                                                     record->binding_ping_mapping_expiration);
+        settings.listener = record->wan_listener;
+        settings.plugin = plugin;
+        auto engine = std::make_shared<WanEngine>(settings);
+        attached().push_back({plugin, engine});
+        return engine;
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+void wanDetach(VESK_Transport_Plugin *plugin) noexcept {
+    std::shared_ptr<WanEngine> engine;
+    {
+        std::lock_guard<std::mutex> lock(attachedMutex());
+        auto &table = attached();
+        for (auto it = table.begin(); it != table.end(); ++it) {
+            if (it->plugin != plugin) continue;
+            engine = std::move(it->engine);
+            table.erase(it);
+            break;
+        }
+    }
+    if (engine) engine->stop();  // outside the table's lock: joins the timer
+}
+
+std::optional<PortChoice> wanTakePorts(VESK_Transport_Plugin *plugin,
+                                       VESK_Transport_Port_t rtps_port) noexcept {
+    VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
+    if (record == nullptr) return std::nullopt;
+    auto choice = choosePorts(record->comm_ports_list, record->comm_ports_list_length,
+                              record->port_offset, rtps_port);
+    if (choice && choice->mapping_index >= 0) {
+        ++record->comm_ports_list[choice->mapping_index].ref_count;
+    }
+    return choice;
+}
+
+void wanReleasePorts(VESK_Transport_Plugin *plugin, const PortChoice &choice) noexcept {
+    VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
+    if (record == nullptr || choice.mapping_index < 0 ||
+        choice.mapping_index >= record->comm_ports_list_length) {
+        return;
+    }
+    --record->comm_ports_list[choice.mapping_index].ref_count;
+}
+
+bool wanReceiveSocketOpened(VESK_Transport_Plugin *plugin, int fd,
+                            VESK_Transport_Port_t rtps_port) noexcept {
+    const auto engine = wanEngine(plugin);
+    if (!engine) return false;
+    try {
+        engine->addSocket(fd, rtps_port);
+        return engine->start();
+    } catch (...) {
+        return false;
+    }
+}
+
+void wanReceiveSocketClosing(VESK_Transport_Plugin *plugin, int fd) noexcept {
+    const auto engine = wanEngine(plugin);
+    if (engine) engine->removeSocket(fd);
+}
+
+void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_in &destination,
+                        bool added) noexcept {
+    const auto engine = wanEngine(plugin);
+    if (!engine) return;
+    try {
+        const std::uint32_t ipv4 = ntohl(destination.sin_addr.s_addr);
+        const std::uint16_t port = ntohs(destination.sin_port);
+        if (added) {
+            engine->addPeer(ipv4, port);
+        } else {
+            engine->removePeer(ipv4, port);
+        }
+    } catch (...) {
+        // Without this peer the mapping is only kept alive by the others.
+    }
+}
+
+bool wanOfferDatagram(VESK_Transport_Plugin *plugin, int fd, const std::uint8_t *data,
+                      std::size_t size, const sockaddr_in &source) noexcept {
+    if (data == nullptr || !isPingMessage({data, size})) return false;
+    const auto engine = wanEngine(plugin);
+    if (!engine) return false;
+    try {
+        return engine->handleDatagram(fd, {data, size}, ntohl(source.sin_addr.s_addr),
+                                      ntohs(source.sin_port), WanEngine::nowMs());
+    } catch (...) {
+        return true;  // a binding-ping message all the same: never user data
+    }
+}
+
+}  // namespace vesk::udp
+
+extern "C" int VESK_Transport_UDP_WAN_get_mapping(
+    VESK_Transport_Plugin *plugin, VESK_Transport_Port_t rtps_port,
+    struct VESK_Transport_UDP_WAN_PortMapping *mapping_out) {
+    const VESK_Transport_UDP_Property_t *record = vesk::udp::wanRecord(plugin);
+    if (record == nullptr || mapping_out == nullptr) return 0;
+    const auto choice = vesk::udp::choosePorts(
+        record->comm_ports_list, record->comm_ports_list_length, record->port_offset, rtps_port);
+    if (!choice) return 0;
+    mapping_out->host_port = choice->host_port;
+    mapping_out->public_port = choice->public_port;
+    mapping_out->mapping_index = choice->mapping_index;
+    mapping_out->ref_count =
+        choice->mapping_index >= 0 ? record->comm_ports_list[choice->mapping_index].ref_count : 0;
+    return 1;
+}
+
+extern "C" int VESK_Transport_UDP_WAN_get_ping_info(
+    VESK_Transport_Plugin *plugin, struct VESK_Transport_UDP_WAN_PingInfo *info_out) {
+    if (info_out == nullptr) return 0;
+    const auto engine = vesk::udp::wanEngine(plugin);
+    if (!engine) return 0;
+    try {
+        engine->info(*info_out);
+        return 1;
+    } catch (...) {
+        return 0;
+    }
+}
