@@ -287,6 +287,11 @@ TEST(WanListeners, RegisteredListenerIsAcceptedAndMappingsCountFromZero) {
     EXPECT_EQ(0, mapping.ref_count);
     ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7777, &mapping));
     EXPECT_EQ(17400, mapping.public_port);
+    VESK_Transport_Address_t address{};
+    VESK_Transport_Port_t port = 0;
+    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_locator(plugin, 7777, &address, &port));
+    EXPECT_EQ(17400u, port);
+    EXPECT_EQ(0, std::memcmp(address.network_ordered_value + 12, "\xCB\x00\x71\x05", 4));
     plugin->delete_cEA(plugin, nullptr);
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 
@@ -358,6 +363,10 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     VESK_Transport_Plugin *plugin =
         VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix(nullptr, properties.get(), "");
     ASSERT_NE(nullptr, plugin);
+    VESK_Transport_Address_t address{};
+    VESK_Transport_Port_t port = 0;  // before any answer: the host port
+    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_locator(plugin, 7400, &address, &port));
+    EXPECT_EQ(7525u, port);
     LoopbackSocket a, b;
     WanEngine pinger({100, 1000, &listener, plugin, "pinger"});
     WanEngine answerer({0, 1000, nullptr, nullptr, "answerer"});

@@ -126,8 +126,9 @@ private:
     void add_(const std::string &path, const std::vector<std::string> &names,
               std::function<Json(const Full &)> read, std::function<bool(const Full &)> namesRead) {
         // Several properties may set one field (the shared-memory address).
-        auto same = std::find_if(specs_.begin(), specs_.end(),
-                                 [&](const FieldSpec<Full> &fieldEntry) { return fieldEntry.path == path; });
+        auto same = std::find_if(
+            specs_.begin(), specs_.end(),
+            [&](const FieldSpec<Full> &fieldEntry) { return fieldEntry.path == path; });
         if (same != specs_.end()) {
             same->names.insert(same->names.end(), names.begin(), names.end());
             return;
@@ -188,7 +189,7 @@ private:
                         [](const Udp &r) { return Json(r.comm_ports_list_length); });
                     return true;
                 case Conversion::pointer:
-                    add(field, [](const Udp &r) { return pointerJson(r.wan_listener); });
+                    add(field, [](const Udp &r) { return listenerJson(r.wan_listener); });
                     return true;
                 default:
                     return false;
@@ -263,8 +264,9 @@ std::vector<FieldValue> read(const std::vector<FieldSpec<Full>> &specs, const Fu
     std::vector<FieldValue> out;
     out.reserve(specs.size());
     for (const FieldSpec<Full> &fieldEntry : specs) {
-        out.push_back(
-            {fieldEntry.path, fieldEntry.names, !fieldEntry.namesRead || fieldEntry.namesRead(record), fieldEntry.read(record)});
+        out.push_back({fieldEntry.path, fieldEntry.names,
+                       !fieldEntry.namesRead || fieldEntry.namesRead(record),
+                       fieldEntry.read(record)});
     }
     return out;
 }
@@ -344,6 +346,14 @@ Json pointerJson(const void *pointer) {
     char text[2 + 2 * sizeof(void *) + 1];
     std::snprintf(text, sizeof text, "%p", pointer);
     return std::string(text);
+}
+
+Json listenerJson(const VESK_Transport_UDP_WAN_Listener *listener) {
+    if (listener == nullptr) return Json(nullptr);
+    // A verdict from the registry only: the tool never reads through it.
+    const bool registered = VESK_Transport_UDP_WAN_is_listener_registered(listener) != 0;
+    return pointerJson(listener).get<std::string>() +
+           (registered ? " (registered)" : " (not registered: a WAN transport refuses it)");
 }
 
 }  // namespace vesk::tool

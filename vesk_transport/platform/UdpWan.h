@@ -63,6 +63,16 @@ struct VESK_Transport_UDP_WAN_PingInfo {
 int VESK_Transport_UDP_WAN_get_ping_info(VESK_Transport_Plugin *plugin,
                                          struct VESK_Transport_UDP_WAN_PingInfo *info_out);
 
+/* The locator that a WAN plugin announces for rtps_port (docs/wan-transport.md):
+ * the record's public_address with the public port of the port rule; without
+ * a public_address, the mapping that binding pings resolved for the socket
+ * of rtps_port; before that, the first interface address in use with the
+ * host port. 0 for a plugin that is not WAN or a port the rule cannot map. */
+int VESK_Transport_UDP_WAN_get_locator(VESK_Transport_Plugin *plugin,
+                                       VESK_Transport_Port_t rtps_port,
+                                       VESK_Transport_Address_t *address_out,
+                                       VESK_Transport_Port_t *port_out);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -295,4 +295,16 @@ void WanEngine::info(VESK_Transport_UDP_WAN_PingInfo &out) const {
     }
 }
 
+bool WanEngine::resolvedFor(std::uint32_t rtps_port, std::uint32_t &ipv4_out,
+                            std::uint16_t &port_out) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const Socket &socket : sockets_) {
+        if (socket.rtps_port != rtps_port || !socket.resolved) continue;
+        ipv4_out = socket.public_ipv4;
+        port_out = socket.public_port;
+        return true;
+    }
+    return false;
+}
+
 }  // namespace vesk::udp

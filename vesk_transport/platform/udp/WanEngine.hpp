@@ -64,6 +64,9 @@ public:
     void tick(std::uint64_t now_ms);
 
     void info(VESK_Transport_UDP_WAN_PingInfo &out) const;
+    // The public mapping resolved for the socket of rtps_port, if any.
+    bool resolvedFor(std::uint32_t rtps_port, std::uint32_t &ipv4_out,
+                     std::uint16_t &port_out) const;
 
     // Milliseconds of the monotonic clock.
     static std::uint64_t nowMs();

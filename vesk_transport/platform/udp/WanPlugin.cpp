@@ -4,6 +4,7 @@
 // of WanHooks.hpp.
 #include <arpa/inet.h>
 
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -185,4 +186,39 @@ extern "C" int VESK_Transport_UDP_WAN_get_ping_info(
     } catch (...) {
         return 0;
     }
+}
+
+extern "C" int VESK_Transport_UDP_WAN_get_locator(VESK_Transport_Plugin *plugin,
+                                                  VESK_Transport_Port_t rtps_port,
+                                                  VESK_Transport_Address_t *address_out,
+                                                  VESK_Transport_Port_t *port_out) {
+    const VESK_Transport_UDP_Property_t *record = vesk::udp::wanRecord(plugin);
+    if (record == nullptr || address_out == nullptr || port_out == nullptr) return 0;
+    const auto choice = vesk::udp::choosePorts(
+        record->comm_ports_list, record->comm_ports_list_length, record->port_offset, rtps_port);
+    if (!choice) return 0;
+    VESK_Transport_Address_t address{};
+    in_addr configured{};
+    if (record->public_address != nullptr && record->public_address[0] != '\0' &&
+        inet_pton(AF_INET, record->public_address, &configured) == 1) {
+        std::memcpy(address.network_ordered_value + 12, &configured, 4);
+        *address_out = address;
+        *port_out = choice->public_port;
+        return 1;
+    }
+    std::uint32_t ipv4 = 0;
+    std::uint16_t port = 0;
+    const auto engine = vesk::udp::wanEngine(plugin);
+    if (engine && engine->resolvedFor(rtps_port, ipv4, port)) {
+        const std::uint32_t network = htonl(ipv4);
+        std::memcpy(address.network_ordered_value + 12, &network, 4);
+        *address_out = address;
+        *port_out = port;
+        return 1;
+    }
+    VESK_Transport_UDP_InterfaceInfo first{};
+    if (VESK_Transport_UDP_get_interfaces(plugin, &first, 1) > 0) address = first.address;
+    *address_out = address;
+    *port_out = choice->host_port;
+    return 1;
 }
