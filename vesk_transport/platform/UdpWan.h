@@ -54,6 +54,8 @@ struct VESK_Transport_UDP_WAN_PingInfo {
     KEL_UINT64 unsolicited_answers;
     KEL_UINT64 mappings_resolved;            /* listener notifications made */
     int peer_count;                          /* peers held in the answering table */
+    VESK_Transport_Address_t last_pinged_by; /* source of the last ping answered */
+    VESK_Transport_Port_t last_pinged_by_port;
     int resolved;                            /* a public mapping is known */
     VESK_Transport_Address_t public_address; /* when resolved */
     VESK_Transport_Port_t public_port;       /* when resolved */

@@ -70,9 +70,14 @@ void WanEngine::addSocket(int fd, std::uint32_t rtps_port) {
     sockets_.push_back(std::move(socket));
 }
 
-void WanEngine::removeSocket(int fd) {
+bool WanEngine::removeSocket(int fd, std::uint32_t &rtps_port_out) {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::erase_if(sockets_, [fd](const Socket &socket) { return socket.fd == fd; });
+    const auto found = std::find_if(sockets_.begin(), sockets_.end(),
+                                    [fd](const Socket &socket) { return socket.fd == fd; });
+    if (found == sockets_.end()) return false;
+    rtps_port_out = found->rtps_port;
+    sockets_.erase(found);
+    return true;
 }
 
 void WanEngine::addPeer(std::uint32_t ipv4, std::uint16_t port) {
@@ -99,6 +104,13 @@ void WanEngine::setGeneration(bool on) {
         const std::uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = write(wake_fd_, &one, sizeof one);
     }
+}
+
+bool WanEngine::sendFromFirstSocket(const msghdr &message, int flags, ssize_t &sent) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (sockets_.empty()) return false;
+    sent = ::sendmsg(sockets_.front().fd, &message, flags | MSG_NOSIGNAL);
+    return true;
 }
 
 bool WanEngine::generation() const {
@@ -232,6 +244,8 @@ bool WanEngine::handleDatagram(int fd, std::span<const std::uint8_t> datagram,
             const PingMessage answer{PingKind::Answer, message.sequence, message.rtps_port,
                                      source_ipv4, source_port};
             if (socket != nullptr && sendMessage(fd, answer, from)) ++counts_.answers_sent;
+            counts_.last_pinged_by = ipv4Address(source_ipv4);
+            counts_.last_pinged_by_port = source_port;
             return true;
         }
         ++counts_.answers_received;

@@ -8,6 +8,8 @@
 // offers each datagram to handleDatagram before treating it as user data.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -37,11 +39,16 @@ public:
 
     // A receive socket (bound, IPv4) and the RTPS port it serves.
     void addSocket(int fd, std::uint32_t rtps_port);
-    void removeSocket(int fd);
+    // False when fd was not added; otherwise its RTPS port.
+    bool removeSocket(int fd, std::uint32_t &rtps_port_out);
     // A destination that the plugin sends to (IPv4 and port, host order);
     // counted, so that two send resources to one peer need two removals.
     void addPeer(std::uint32_t ipv4, std::uint16_t port);
     void removePeer(std::uint32_t ipv4, std::uint16_t port);
+
+    // sendmsg on the first receive socket (held while sending, so it cannot
+    // be closed meanwhile); false when there is none.
+    bool sendFromFirstSocket(const msghdr &message, int flags, ssize_t &sent);
 
     // With a plugin, generation follows the plugin's switch
     // (VESK_Transport_UDP_change_binding_ping_generation); without one, this

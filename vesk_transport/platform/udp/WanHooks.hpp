@@ -4,6 +4,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -34,26 +35,29 @@ std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin) noexcept;
 // Stops and forgets the engine of a plugin being deleted.
 void wanDetach(VESK_Transport_Plugin *plugin) noexcept;
 
-// The ports of a WAN plugin's receive resource for rtps_port: counts the
-// mapping used in its ref_count. wanReleasePorts undoes it.
-std::optional<PortChoice> wanTakePorts(VESK_Transport_Plugin *plugin,
-                                       VESK_Transport_Port_t rtps_port) noexcept;
-void wanReleasePorts(VESK_Transport_Plugin *plugin, const PortChoice &choice) noexcept;
-
-// The receive path and the resources of a WAN plugin (all do nothing and
-// return false for other plugins):
-// a receive socket bound for rtps_port joins the binding pings (the timer
-// starts with the first one); it leaves them before it is closed.
+// The receive path and the resources of a WAN plugin. For other plugins
+// they change nothing and return false (wanHostPort: true).
+// The port to bind for rtps_port: the host port of the port rule; false
+// after logging when the rule maps nothing.
+bool wanHostPort(VESK_Transport_Plugin *plugin, VESK_Transport_Port_t rtps_port,
+                 unsigned &bind_port) noexcept;
+// A receive socket bound for rtps_port joins the binding pings (the timer
+// starts with the first one) and counts in its mapping's ref_count; it
+// leaves them before it is closed.
 bool wanReceiveSocketOpened(VESK_Transport_Plugin *plugin, int fd,
                             VESK_Transport_Port_t rtps_port) noexcept;
 void wanReceiveSocketClosing(VESK_Transport_Plugin *plugin, int fd) noexcept;
 // A send resource's destination becomes (or stops being) a peer to ping.
-void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_in &destination,
+void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_storage &destination,
                         bool added) noexcept;
+// Sends message from the plugin's first receive socket (user data and pings
+// then share one NAT mapping); false, sending nothing, when there is none.
+bool wanSendMessage(VESK_Transport_Plugin *plugin, const msghdr &message, int flags,
+                    ssize_t &sent) noexcept;
 // Offers a received datagram: true when it is a binding-ping message, which
 // the WAN side has handled and which is not user data.
 bool wanOfferDatagram(VESK_Transport_Plugin *plugin, int fd, const std::uint8_t *data,
-                      std::size_t size, const sockaddr_in &source) noexcept;
+                      std::size_t size, const sockaddr_storage &source) noexcept;
 
 // Calls listener->on_public_mapping_resolved when the listener is
 // registered (at the time of the call) and has one; false otherwise.

@@ -4,11 +4,13 @@
 // of WanHooks.hpp.
 #include <arpa/inet.h>
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "vesk_transport/platform/TransportInternal.hpp"
 #include "vesk_transport/platform/UdpWan.h"
 #include "vesk_transport/platform/udp/Wan.hpp"
 #include "vesk_transport/platform/udp/WanEngine.hpp"
@@ -89,26 +91,40 @@ void wanDetach(VESK_Transport_Plugin *plugin) noexcept {
     if (engine) engine->stop();  // outside the table's lock: joins the timer
 }
 
-std::optional<PortChoice> wanTakePorts(VESK_Transport_Plugin *plugin,
-                                       VESK_Transport_Port_t rtps_port) noexcept {
-    VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
-    if (record == nullptr) return std::nullopt;
-    auto choice = choosePorts(record->comm_ports_list, record->comm_ports_list_length,
-                              record->port_offset, rtps_port);
-    if (choice && choice->mapping_index >= 0) {
-        ++record->comm_ports_list[choice->mapping_index].ref_count;
+bool wanHostPort(VESK_Transport_Plugin *plugin, VESK_Transport_Port_t rtps_port,
+                 unsigned &bind_port) noexcept {
+    const VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
+    if (record == nullptr) return true;
+    const auto choice = choosePorts(record->comm_ports_list, record->comm_ports_list_length,
+                                    record->port_offset, rtps_port);
+    if (!choice) {
+        char reason[160];
+        std::snprintf(reason, sizeof reason,
+                      "RTPS port %u has no host port: no comm_ports mapping, and %u + port_offset "
+                      "%d is outside 1..65535",
+                      static_cast<unsigned>(rtps_port), static_cast<unsigned>(rtps_port),
+                      static_cast<int>(record->port_offset));
+        vesk::transport::logError(KEL_LOG_ANY_FAILURE_s, "create_recvresource_rrEA", __FILE__,
+                                  __LINE__, "UDPv4_WAN", reason);
+        return false;
     }
-    return choice;
+    bind_port = choice->host_port;
+    return true;
 }
 
-void wanReleasePorts(VESK_Transport_Plugin *plugin, const PortChoice &choice) noexcept {
+namespace {
+
+// Adds delta to the ref_count of the mapping that rtps_port uses, if any.
+void countMapping(VESK_Transport_Plugin *plugin, VESK_Transport_Port_t rtps_port, int delta) {
     VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
-    if (record == nullptr || choice.mapping_index < 0 ||
-        choice.mapping_index >= record->comm_ports_list_length) {
-        return;
-    }
-    --record->comm_ports_list[choice.mapping_index].ref_count;
+    const auto choice = choosePorts(record->comm_ports_list, record->comm_ports_list_length,
+                                    record->port_offset, rtps_port);
+    if (!choice || choice->mapping_index < 0) return;
+    std::lock_guard<std::mutex> lock(attachedMutex());  // resources come and go on any thread
+    record->comm_ports_list[choice->mapping_index].ref_count += delta;
 }
+
+}  // namespace
 
 bool wanReceiveSocketOpened(VESK_Transport_Plugin *plugin, int fd,
                             VESK_Transport_Port_t rtps_port) noexcept {
@@ -116,45 +132,71 @@ bool wanReceiveSocketOpened(VESK_Transport_Plugin *plugin, int fd,
     if (!engine) return false;
     try {
         engine->addSocket(fd, rtps_port);
-        return engine->start();
+        countMapping(plugin, rtps_port, 1);
+        if (!engine->start()) {
+            vesk::transport::logError(KEL_LOG_ANY_FAILURE_s, "create_recvresource_rrEA", __FILE__,
+                                      __LINE__, "UDPv4_WAN",
+                                      "cannot start the binding-ping thread: no pings are sent");
+        }
+    } catch (...) {
+        // Out of memory: this socket sends no pings but still receives.
+    }
+    return true;
+}
+
+void wanReceiveSocketClosing(VESK_Transport_Plugin *plugin, int fd) noexcept {
+    const auto engine = wanEngine(plugin);
+    if (!engine) return;
+    try {
+        std::uint32_t rtps_port = 0;
+        if (engine->removeSocket(fd, rtps_port)) countMapping(plugin, rtps_port, -1);
+    } catch (...) {
+    }
+}
+
+void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_storage &destination,
+                        bool added) noexcept {
+    if (destination.ss_family != AF_INET) return;
+    const auto engine = wanEngine(plugin);
+    if (!engine) return;
+    const auto &ipv4 = reinterpret_cast<const sockaddr_in &>(destination);
+    try {
+        if (added) {
+            engine->addPeer(ntohl(ipv4.sin_addr.s_addr), ntohs(ipv4.sin_port));
+        } else {
+            engine->removePeer(ntohl(ipv4.sin_addr.s_addr), ntohs(ipv4.sin_port));
+        }
+    } catch (...) {
+        // Without this peer the mapping is kept alive by the others only.
+    }
+}
+
+bool wanSendMessage(VESK_Transport_Plugin *plugin, const msghdr &message, int flags,
+                    ssize_t &sent) noexcept {
+    const auto engine = wanEngine(plugin);
+    if (!engine) return false;
+    try {
+        return engine->sendFromFirstSocket(message, flags, sent);
     } catch (...) {
         return false;
     }
 }
 
-void wanReceiveSocketClosing(VESK_Transport_Plugin *plugin, int fd) noexcept {
-    const auto engine = wanEngine(plugin);
-    if (engine) engine->removeSocket(fd);
-}
-
-void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_in &destination,
-                        bool added) noexcept {
-    const auto engine = wanEngine(plugin);
-    if (!engine) return;
-    try {
-        const std::uint32_t ipv4 = ntohl(destination.sin_addr.s_addr);
-        const std::uint16_t port = ntohs(destination.sin_port);
-        if (added) {
-            engine->addPeer(ipv4, port);
-        } else {
-            engine->removePeer(ipv4, port);
-        }
-    } catch (...) {
-        // Without this peer the mapping is only kept alive by the others.
-    }
-}
-
 bool wanOfferDatagram(VESK_Transport_Plugin *plugin, int fd, const std::uint8_t *data,
-                      std::size_t size, const sockaddr_in &source) noexcept {
-    if (data == nullptr || !isPingMessage({data, size})) return false;
+                      std::size_t size, const sockaddr_storage &source) noexcept {
+    if (data == nullptr || source.ss_family != AF_INET || !isPingMessage({data, size})) {
+        return false;
+    }
     const auto engine = wanEngine(plugin);
     if (!engine) return false;
+    const auto &from = reinterpret_cast<const sockaddr_in &>(source);
     try {
-        return engine->handleDatagram(fd, {data, size}, ntohl(source.sin_addr.s_addr),
-                                      ntohs(source.sin_port), WanEngine::nowMs());
+        engine->handleDatagram(fd, {data, size}, ntohl(from.sin_addr.s_addr), ntohs(from.sin_port),
+                               WanEngine::nowMs());
     } catch (...) {
-        return true;  // a binding-ping message all the same: never user data
+        // Dropped all the same: a binding-ping message is never user data.
     }
+    return true;
 }
 
 }  // namespace vesk::udp
