@@ -13,6 +13,7 @@
 
 #include "support/PropertyList.hpp"
 #include "support/TestSupport.hpp"
+#include "support/WanNamespaces.hpp"
 #include "support/WanSockets.hpp"
 #include "vesk_transport/Support.h"
 #include "vesk_transport/platform/UdpWan.h"
@@ -254,6 +255,44 @@ TEST(WanListeners, RegisteredListenerIsAcceptedAndMappingsCountFromZero) {
     EXPECT_EQ(0, std::memcmp(address.network_ordered_value + 12, "\xCB\x00\x71\x05", 4));
     plugin->delete_cEA(plugin, nullptr);
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
+}
+
+// In a namespace of its own, so that the ports are surely free.
+TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
+    vesk::test::Namespaces namespaces;
+    if (!namespaces.unavailable().empty() || !namespaces.create("ports")) {
+        GTEST_SKIP() << "no network namespace: " << namespaces.unavailable();
+    }
+    vesk::test::Namespaces::Inside inside(namespaces, "ports");
+    VESK_Transport_Plugin *plugin = makeWan(
+        {{"port_offset", "40000"},
+         {"comm_ports", R"({"default": {}, "mappings": [{"rtps": 7410, "host": 47000}]})"}});
+    ASSERT_NE(nullptr, plugin);
+    VESK_Transport_RecvResource_t mapped = nullptr, offset = nullptr, none = nullptr;
+    VESK_Transport_Port_t port = 7410;
+    ASSERT_EQ(1, plugin->create_recvresource_rrEA(plugin, &mapped, &port, nullptr, 0));
+    EXPECT_EQ(7410u, port);  // the caller keeps the RTPS port
+    port = 7411;
+    ASSERT_EQ(1, plugin->create_recvresource_rrEA(plugin, &offset, &port, nullptr, 0));
+    EXPECT_EQ(-1, vesk::test::UdpSocket(0, 47000).fd);  // bound: in use
+    EXPECT_EQ(-1, vesk::test::UdpSocket(0, 47411).fd);
+    VESK_Transport_UDP_WAN_PortMapping mapping{};
+    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
+    EXPECT_EQ(1, mapping.ref_count);
+    vesk::test::LogCapture log;
+    port = 30000;  // 70000: beyond the ports
+    EXPECT_EQ(0, plugin->create_recvresource_rrEA(plugin, &none, &port, nullptr, 0));
+    EXPECT_EQ((std::vector<std::string>{summarize(
+                  "KEL_LOG_ANY_FAILURE_s",
+                  {"UDPv4_WAN transport: RTPS port 30000 has no host port: no comm_ports mapping, "
+                   "and 30000 + port_offset 40000 is outside 1..65535"})}),
+              log.summary());
+    plugin->destroy_recvresource_rrEA(plugin, &mapped);
+    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
+    EXPECT_EQ(0, mapping.ref_count);
+    EXPECT_NE(-1, vesk::test::UdpSocket(0, 47000).fd);  // released
+    plugin->destroy_recvresource_rrEA(plugin, &offset);
+    plugin->delete_cEA(plugin, nullptr);
 }
 
 // --- the engine over loopback ---------------------------------------------------
