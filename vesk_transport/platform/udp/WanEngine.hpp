@@ -27,7 +27,7 @@ struct WanSettings {
     std::uint64_t expiration_ms = 0;  // 0: never
     const VESK_Transport_UDP_WAN_Listener *listener = nullptr;
     VESK_Transport_Plugin *plugin = nullptr;  // whose statistics count the pings (may be null)
-    const char *function = "VESK_Transport_UDPv4_WAN_newI";  // reports its warnings
+    const char *function = "receive_rEA";  // reports its warnings
 };
 
 class WanEngine {
