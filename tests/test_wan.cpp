@@ -322,8 +322,7 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
     ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
     EXPECT_EQ(0, mapping.ref_count);
     EXPECT_NE(-1, UdpSocket(0, 47000).fd);  // released
-    plugin->destroy_recvresource_rrEA(plugin, &offset);
-    plugin->delete_cEA(plugin, nullptr);
+    plugin->delete_cEA(plugin, nullptr);  // closes the other resource
 }
 
 // --- the engine over loopback ---------------------------------------------------

@@ -29,9 +29,9 @@ VESK_Transport_UDP_Property_t *wanRecord(VESK_Transport_Plugin *plugin) noexcept
 
 class WanEngine;
 
-// The binding-ping engine of a WAN plugin, made on first use; nullptr for
-// any other plugin (or when memory runs out).
-std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin) noexcept;
+// The binding-ping engine of a WAN plugin, made when create is true and
+// there is none; nullptr for any other plugin (or when memory runs out).
+std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin, bool create = false) noexcept;
 // Stops and forgets the engine of a plugin being deleted.
 void wanDetach(VESK_Transport_Plugin *plugin) noexcept;
 

@@ -54,7 +54,7 @@ VESK_Transport_UDP_Property_t *wanRecord(VESK_Transport_Plugin *plugin) noexcept
     return reinterpret_cast<VESK_Transport_UDP_Property_t *>(plugin->property);
 }
 
-std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin) noexcept {
+std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin, bool create) noexcept {
     VESK_Transport_UDP_Property_t *record = wanRecord(plugin);
     if (record == nullptr) return nullptr;
     try {
@@ -62,6 +62,9 @@ std::shared_ptr<WanEngine> wanEngine(VESK_Transport_Plugin *plugin) noexcept {
         for (const Attached &entry : attached()) {
             if (entry.plugin == plugin) return entry.engine;
         }
+        // A deleted plugin's last resources find none and make none: its
+        // address may be the next plugin's.
+        if (!create) return nullptr;
         WanSettings settings;
         settings.period_ms = record->binding_ping_period;
         settings.expiration_ms = effectiveExpiration(record->binding_ping_period,
@@ -128,7 +131,8 @@ void countMapping(VESK_Transport_Plugin *plugin, VESK_Transport_Port_t rtps_port
 
 bool wanReceiveSocketOpened(VESK_Transport_Plugin *plugin, int fd,
                             VESK_Transport_Port_t rtps_port) noexcept {
-    const auto engine = wanEngine(plugin);
+    if (wanRecord(plugin) == nullptr) return false;
+    const auto engine = wanEngine(plugin, true);
     if (!engine) return false;
     try {
         engine->addSocket(fd, rtps_port);
@@ -157,7 +161,7 @@ void wanReceiveSocketClosing(VESK_Transport_Plugin *plugin, int fd) noexcept {
 void wanSendDestination(VESK_Transport_Plugin *plugin, const sockaddr_storage &destination,
                         bool added) noexcept {
     if (destination.ss_family != AF_INET) return;
-    const auto engine = wanEngine(plugin);
+    const auto engine = wanEngine(plugin, added);
     if (!engine) return;
     const auto &ipv4 = reinterpret_cast<const sockaddr_in &>(destination);
     try {
@@ -220,10 +224,11 @@ extern "C" int VESK_Transport_UDP_WAN_get_mapping(
 extern "C" int VESK_Transport_UDP_WAN_get_ping_info(
     VESK_Transport_Plugin *plugin, struct VESK_Transport_UDP_WAN_PingInfo *info_out) {
     if (info_out == nullptr) return 0;
+    if (vesk::udp::wanRecord(plugin) == nullptr) return 0;
     const auto engine = vesk::udp::wanEngine(plugin);
-    if (!engine) return 0;
     try {
-        engine->info(*info_out);
+        *info_out = VESK_Transport_UDP_WAN_PingInfo{};  // before any resource: nothing yet
+        if (engine) engine->info(*info_out);
         return 1;
     } catch (...) {
         return 0;
