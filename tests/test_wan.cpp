@@ -322,7 +322,7 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
     ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
     EXPECT_EQ(0, mapping.ref_count);
     EXPECT_NE(-1, UdpSocket(0, 47000).fd);  // released
-    plugin->delete_cEA(plugin, nullptr);  // closes the other resource
+    plugin->delete_cEA(plugin, nullptr);    // closes the other resource
 }
 
 // --- the engine over loopback ---------------------------------------------------
@@ -405,6 +405,11 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     EXPECT_EQ(5u, statistics.binding_ping_packets_received);  // two answers, three refused
     EXPECT_EQ(2u, statistics.binding_ping_event_count);
     EXPECT_EQ(0u, statistics.user_packets_sent + statistics.user_packets_received);
+    for (std::uint64_t now : {60199, 60200}) {  // the next warning a minute later
+        b.sendTo(a.port, bad_version);
+        deliver(a, pinger, now);
+    }
+    EXPECT_EQ(2u, log.summary().size());
 
     // Silence for the expiration time: forgotten on both sides, and the
     // next answer is news again.
@@ -419,6 +424,8 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     ASSERT_EQ(1, VESK_Transport_UDP_change_binding_ping_generation(plugin, 0));
     pinger.tick(1200);
     EXPECT_EQ(3u, infoOf(pinger).pings_sent);
+    ASSERT_EQ(1, VESK_Transport_UDP_get_statistics(plugin, &statistics));
+    EXPECT_EQ(3u, statistics.binding_ping_event_count);  // rounds that sent a ping
     plugin->delete_cEA(plugin, nullptr);
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 }
