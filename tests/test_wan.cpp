@@ -101,7 +101,9 @@ Bytes encode(const PingMessage &message) {
 
 TEST(WanPing, LayoutAndRoundTrip) {
     const PingMessage ping{PingKind::Ping, 0x01020304, 7410, 0, 0};
-    EXPECT_EQ((Bytes{'V', 'B', 'P', '!', 1, 1, 0, 0, 1, 2, 3, 4, 0, 0, 0x1c, 0xf2}), encode(ping));
+    Bytes padded{'V', 'B', 'P', '!', 1, 1, 0, 0, 1, 2, 3, 4, 0, 0, 0x1c, 0xf2};
+    padded.resize(kAnswerSize);  // zero padding: no larger answer
+    EXPECT_EQ(padded, encode(ping));
     const PingMessage answer{PingKind::Answer, 9, 7400, 0xC6336401 /* 198.51.100.1 */, 40001};
     const Bytes bytes = encode(answer);
     ASSERT_EQ(kAnswerSize, bytes.size());
@@ -141,7 +143,7 @@ TEST(WanPing, MalformedTable) {
         {edit(ping, 7, 8, 1), PingError::ReservedBitsSet, "reserved bits set"},
         {edit(answer, 35, 36, 1), PingError::ReservedBitsSet, "reserved bits set"},
         {edit(ping, 0, 0, 0, 15), PingError::WrongLength, "wrong length"},
-        {edit(ping, 5, 6, 2), PingError::WrongLength, "wrong length"},  // an answer of 16
+        {edit(ping, 35, 36, 1), PingError::ReservedBitsSet, "reserved bits set"},  // padding
         {edit(answer, 16, 17, 1), PingError::NotIpv4, "not an IPv4 address"},
         {edit(answer, 28, 32, 0), PingError::NotIpv4, "not an IPv4 address"},
         {edit(answer, 32, 34, 0), PingError::PortZero, "port 0"},

@@ -121,6 +121,11 @@ PingError decodePing(std::span<const std::uint8_t> datagram, PingMessage &messag
     if (get16(bytes + kReservedAt) != 0) return PingError::ReservedBitsSet;
     const bool answer = kind == static_cast<std::uint8_t>(PingKind::Answer);
     if (datagram.size() != (answer ? kAnswerSize : kPingSize)) return PingError::WrongLength;
+    // A ping's padding is zero: it makes a ping as long as its answer.
+    if (!answer &&
+        std::any_of(bytes + kAddressAt, bytes + kPingSize, [](std::uint8_t b) { return b != 0; })) {
+        return PingError::ReservedBitsSet;
+    }
     PingMessage message;
     message.kind = static_cast<PingKind>(kind);
     message.sequence = get32(bytes + kSequenceAt);

@@ -38,7 +38,9 @@ std::optional<PortChoice> choosePorts(const VESK_Transport_UDP_WAN_CommPortsMapp
 inline constexpr std::uint8_t kPingMagic[4] = {0x56, 0x42, 0x50, 0x21};  // "VBP!"
 inline constexpr std::uint8_t kPingVersion = 1;
 inline constexpr std::size_t kPingHeaderSize = 8;
-inline constexpr std::size_t kPingSize = 16;
+// A ping is padded to the size of its answer, so that answering never
+// sends more bytes than it received (no amplification of forged pings).
+inline constexpr std::size_t kPingSize = 36;
 inline constexpr std::size_t kAnswerSize = 36;
 inline constexpr std::size_t kPingMessageSizeMax = kAnswerSize;
 
