@@ -208,6 +208,10 @@ void WanEngine::tick(std::uint64_t now_ms) {
                 }
             }
         }
+        // Counted with the pings, so that a reader sees both or neither.
+        if (sent_any && settings_.plugin != nullptr) {
+            VESK_Transport_UDP_count_binding_ping_event(settings_.plugin);
+        }
         const std::uint64_t expiration = settings_.expiration_ms;
         heard_.expire(now_ms, expiration);
         for (Socket &socket : sockets_) {
@@ -215,9 +219,6 @@ void WanEngine::tick(std::uint64_t now_ms) {
                 socket.resolved = false;  // the next answer tells the listener again
             }
         }
-    }
-    if (sent_any && settings_.plugin != nullptr) {
-        VESK_Transport_UDP_count_binding_ping_event(settings_.plugin);
     }
 }
 
