@@ -99,7 +99,7 @@ Bytes encode(const PingMessage &message) {
     return out;
 }
 
-TEST(WanPing, LayoutAndRoundTrip) {
+TEST(WanPing, Layout) {
     const PingMessage ping{PingKind::Ping, 0x01020304, 7410, 0, 0};
     Bytes padded{'V', 'B', 'P', '!', 1, 1, 0, 0, 1, 2, 3, 4, 0, 0, 0x1c, 0xf2};
     padded.resize(kAnswerSize);  // zero padding: no larger answer
@@ -109,14 +109,7 @@ TEST(WanPing, LayoutAndRoundTrip) {
     ASSERT_EQ(kAnswerSize, bytes.size());
     EXPECT_EQ((Bytes{0, 0, 0, 0, 198, 51, 100, 1, 0x9c, 0x41, 0, 0}),
               Bytes(bytes.begin() + 24, bytes.end()));
-    for (const PingMessage &message : {ping, answer}) {
-        PingMessage got;
-        ASSERT_EQ(PingError::None, decodePing(encode(message), got));
-        EXPECT_TRUE(got.kind == message.kind && got.sequence == message.sequence &&
-                    got.rtps_port == message.rtps_port &&
-                    got.observed_ipv4 == message.observed_ipv4 &&
-                    got.observed_port == message.observed_port);
-    }
+    // Decoding: the corpus test re-encodes every well-formed seed to its bytes.
     EXPECT_FALSE(isPingMessage(Bytes{'R', 'T', 'P', 'S', 2, 3, 1, 15}));
     Bytes small(kPingSize - 1);
     EXPECT_EQ(0u, encodePing(ping, small));
