@@ -290,6 +290,9 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
         GTEST_SKIP() << "no network namespace: " << namespaces.unavailable();
     }
     vesk::test::Namespaces::Inside inside(namespaces, "ports");
+    namespace fs = std::filesystem;
+    auto threads = [] { return std::distance(fs::directory_iterator("/proc/self/task"), {}); };
+    const auto threads_before = threads();
     VESK_Transport_Plugin *plugin = makeWan(
         {{"port_offset", "40000"},
          {"comm_ports", R"({"default": {}, "mappings": [{"rtps": 7410, "host": 47000}]})"}});
@@ -318,6 +321,7 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
     EXPECT_EQ(0, mapping.ref_count);
     EXPECT_NE(-1, UdpSocket(0, 47000).fd);  // released
     plugin->delete_cEA(plugin, nullptr);    // closes the other resource
+    EXPECT_EQ(threads_before, threads());   // the ping timer is joined
 }
 
 // --- the engine over loopback ---------------------------------------------------
