@@ -367,6 +367,8 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     pinger.addSocket(a.fd, 7400);
     pinger.addPeer(kLoopback, b.port);
     answerer.addSocket(b.fd, 7400);
+    std::uint32_t removed_port = 0;
+    EXPECT_FALSE(answerer.removeSocket(a.fd, removed_port));  // never added
     g_calls = 0;
     for (std::uint64_t now : {0, 100}) {  // two rounds, one notification
         pinger.tick(now);
