@@ -12,6 +12,7 @@
 
 #include "fuzz/Harness.hpp"
 #include "fuzz/RtpsClassify.hpp"
+#include "fuzz/WanPingHarness.hpp"
 
 namespace {
 
@@ -30,6 +31,7 @@ const Target TARGETS[] = {
     {"comm_ports_json", vesk::fuzz::runCommPortsJson},
     {"interface_list", vesk::fuzz::runInterfaceList},
     {"rtps_classify", vesk::fuzz::runRtpsClassify},
+    {"wan_ping", vesk::fuzz::runWanPing},
 };
 
 fs::path corpusRoot() {

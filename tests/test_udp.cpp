@@ -18,6 +18,7 @@
 #include "vesk_transport/Support.h"
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Udp.h"
+#include "vesk_transport/platform/UdpWan.h"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
 
 namespace {
@@ -97,7 +98,9 @@ struct WanSource {
         record.comm_ports_list = ports;
         record.comm_ports_list_length = 2;
         record.wan_listener = &listener;
+        VESK_Transport_UDP_WAN_register_listener(&listener);  // WAN plugins call only these
     }
+    ~WanSource() { VESK_Transport_UDP_WAN_unregister_listener(&listener); }
 };
 
 // ---------------------------------------------------------------------

@@ -188,7 +188,7 @@ private:
                         [](const Udp &r) { return Json(r.comm_ports_list_length); });
                     return true;
                 case Conversion::pointer:
-                    add(field, [](const Udp &r) { return pointerJson(r.wan_listener); });
+                    add(field, [](const Udp &r) { return listenerJson(r.wan_listener); });
                     return true;
                 default:
                     return false;
@@ -344,6 +344,14 @@ Json pointerJson(const void *pointer) {
     char text[2 + 2 * sizeof(void *) + 1];
     std::snprintf(text, sizeof text, "%p", pointer);
     return std::string(text);
+}
+
+Json listenerJson(const VESK_Transport_UDP_WAN_Listener *listener) {
+    if (listener == nullptr) return Json(nullptr);
+    // A verdict from the registry only: the tool never reads through it.
+    const bool registered = VESK_Transport_UDP_WAN_is_listener_registered(listener) != 0;
+    return pointerJson(listener).get<std::string>() +
+           (registered ? " (registered)" : " (not registered: a WAN transport refuses it)");
 }
 
 }  // namespace vesk::tool

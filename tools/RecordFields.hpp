@@ -11,6 +11,7 @@
 
 #include "vesk_transport/PropertyTables.hpp"
 #include "vesk_transport/Support.h"
+#include "vesk_transport/platform/UdpWan.h"
 
 namespace vesk::tool {
 
@@ -76,5 +77,7 @@ std::vector<FieldValue> defaultFields(const TransportClass &transportClass);
 // The text forms of the values.
 Json addressJson(const VESK_Transport_Address_t &address);  // "192.0.2.1", "fd00::1"
 Json pointerJson(const void *pointer);                      // null or "0x..."
+// null, or "0x... (registered)" / "0x... (not registered: ...)".
+Json listenerJson(const VESK_Transport_UDP_WAN_Listener *listener);
 
 }  // namespace vesk::tool

@@ -33,6 +33,7 @@
 #include "vesk_transport/platform/TransportInternal.hpp"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
 #include "vesk_transport/platform/udp/Plugin.hpp"
+#include "vesk_transport/platform/udp/WanHooks.hpp"
 
 // delete_cEA of every UDP plugin; also how a UDP plugin is recognised.
 extern "C" {
@@ -282,6 +283,7 @@ UdpPlugin *udpPlugin(const VESK_Transport_Plugin *plugin) {
 }
 
 void releasePlugin(UdpPlugin *plugin) {
+    vesk::udp::wanDetach(&plugin->base);  // stops the binding-ping timer first
     vesk::udp::destroyIo(plugin->io);
     VESK_Transport_UDP_Property_finalize(&plugin->property);
     KELOsapiHeap_freeArray(plugin->interfaces);
@@ -338,6 +340,7 @@ const char *refusal(UdpClass udp_class, const VESK_Transport_UDP_Property_t &pro
     if (udp_class == UdpClass::V4_WAN && property.port_offset < 0) {
         return "port_offset is negative";
     }
+    if (udp_class == UdpClass::V4_WAN) return vesk::udp::wanRefusal(property);
     return nullptr;
 }
 
@@ -379,6 +382,7 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
             releasePlugin(plugin);
             return fail(KEL_LOG_ANY_FAILURE_s, "out of memory");
         }
+        vesk::udp::resetMappingCounts(plugin->property);
         if (!used.empty()) {
             if (!KELOsapiHeap_allocateArray(&plugin->interfaces, used.size(),
                                             struct VESK_Transport_UDP_InterfaceInfo)) {

@@ -23,6 +23,7 @@
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/udp/Multicast.hpp"
 #include "vesk_transport/platform/udp/ReceiveRing.hpp"
+#include "vesk_transport/platform/udp/WanHooks.hpp"
 
 namespace vesk::udp {
 
@@ -138,6 +139,7 @@ void removeFrom(std::vector<T *> &list, T *item) {
 // --- receive resources ---------------------------------------------------
 
 void closeRecvResource(RecvResource *resource) noexcept {
+    wanReceiveSocketClosing(resource->io->plugin, resource->socket.get());  // WAN: no more pings
     // Wake a receiver and wait until it has left receive_rEA: after its
     // last access (the decrement) nothing of the resource is touched.
     resource->closing.store(true, std::memory_order_release);
@@ -181,7 +183,9 @@ int createRecvResource(VESK_Transport_Plugin *self, VESK_Transport_RecvResource_
                 static_cast<unsigned>(*receive_port_inout));
         return 0;
     }
-    SocketRequest request{SocketRole::Receive, io->ipv6, wildcard(io->ipv6, *receive_port_inout)};
+    unsigned bind_port = *receive_port_inout;
+    if (!wanHostPort(self, *receive_port_inout, bind_port)) return 0;  // WAN: the port rule
+    SocketRequest request{SocketRole::Receive, io->ipv6, wildcard(io->ipv6, bind_port)};
     request.reuse_port = multicast && property.reuse_multicast_receive_resource != 0;
     request.receive_tos = property.gather_detailed_statistics != 0;
     unsigned port = 0;
@@ -232,7 +236,10 @@ int createRecvResource(VESK_Transport_Plugin *self, VESK_Transport_RecvResource_
         return 0;
     }
     io->receive_buffer_granted.store(granted);
-    *receive_port_inout = port;
+    // WAN: pings go from this socket, and the caller keeps its RTPS port.
+    if (!wanReceiveSocketOpened(self, resource->socket.get(), *receive_port_inout)) {
+        *receive_port_inout = port;
+    }
     *recvresource_out = resource;
     return 1;
 }
@@ -400,6 +407,10 @@ int receive(VESK_Transport_Plugin *self, const VESK_Transport_RecvResource_t *re
             continue;
         }
         const auto *bytes = reinterpret_cast<const std::uint8_t *>(slot->data);
+        if (wanOfferDatagram(self, resource->socket.get(), bytes, slot->length,
+                             slot->from.address)) {
+            continue;  // WAN binding ping or answer: handled, never user data
+        }
         const Classification classification = classifyDatagram(bytes, slot->length, slot->length);
         if (droppedByGuidPrefix(property, classification)) {
             io->receive_guid_prefix.fetch_add(1, std::memory_order_relaxed);
@@ -519,6 +530,7 @@ int createSendResource(VESK_Transport_Plugin *self, VESK_Transport_SendResource_
         return 0;
     }
     *sendresource_out = resource;
+    wanSendDestination(self, destination.address, true);  // WAN: a peer to ping
     return 1;
 }
 
@@ -531,6 +543,7 @@ void destroySendResource(VESK_Transport_Plugin *self,
         std::lock_guard<std::mutex> lock(io->mutex);
         removeFrom(io->send_resources, resource);
     }
+    wanSendDestination(self, resource->destination.address, false);
     freeBlock(resource);
 }
 
@@ -676,7 +689,11 @@ int send(VESK_Transport_Plugin *self, const VESK_Transport_SendResource_t *sendr
         resource->own_socket.valid() ? resource->own_socket.get() : io->send_socket.get();
     ssize_t sent;
     do {
-        sent = ::sendmsg(fd, &message, never_block ? MSG_DONTWAIT : 0);
+        // WAN: from a receive socket, so that answers pass the peer's NAT.
+        if (resource->own_socket.valid() ||
+            !wanSendMessage(self, message, never_block ? MSG_DONTWAIT : 0, sent)) {
+            sent = ::sendmsg(fd, &message, never_block ? MSG_DONTWAIT : 0);
+        }
     } while (sent < 0 && errno == EINTR);
     if (sent < 0) {
         if (never_block && (errno == EAGAIN || errno == EWOULDBLOCK)) {
