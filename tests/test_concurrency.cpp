@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -229,32 +228,6 @@ TEST(Concurrency, FactoriesStatisticsAndCountingAtOnce) {
     EXPECT_EQ(final.user_packets_sent, static_cast<KEL_UINT64>(kCounts));
     EXPECT_EQ(final.user_bytes_sent, kUserBytes * kCounts);
     EXPECT_EQ(final._liveliness_bytes_sent, kLivelinessBytes * kCounts);
-}
-
-// Heap accounting and log capture from many threads at once: every thread
-// allocates and releases, and logs through a failing setup.
-TEST(Concurrency, FailingSetupsLogFromEveryThread) {
-    vesk::test::LogCapture capture(VESK_CONFIG_LOG_VERBOSITY_ERROR);
-    const Properties bad{{"send_blocking", "sometimes"}};
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 50;
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                failures += VESK_Transport_UDPv4_create(nullptr, bad.get()) == nullptr;
-            }
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(failures.load(), kThreads * kRounds);
-    // Per failure: the conversion, the UDP setup's summary and the factory.
-    const auto entries = capture.entries();
-    EXPECT_EQ(std::count_if(
-                  entries.begin(), entries.end(),
-                  [](const auto &e) { return e.template_name == "KEL_LOG_CREATION_FAILURE_s"; }),
-              kThreads * kRounds);
 }
 
 }  // namespace
