@@ -101,6 +101,11 @@ TEST(PropertyEdit, EditsGiveTheirCodesAndKeepTheOrder) {
     EXPECT_TRUE(list.get()->value._contiguous_buffer == nullptr && list.get()->value._length == 0 &&
                 list.get()->value._maximum == 0);
     DDS_PropertyQosPolicy_finalize(nullptr);
+    // A list whose length exceeds its room is not written to.
+    DDS_Property_t slots[2] = {};
+    DDS_PropertyQosPolicy corrupt = {{slots, 2, 1}};
+    EXPECT_EQ(edit(&corrupt, Op::Add, "new", "v"), DDS_RETCODE_OUT_OF_RESOURCES);
+    EXPECT_EQ(liveHeapBlocks(), before);
 }
 
 // Each allocation of an edit refused in turn: the list stays exactly as it

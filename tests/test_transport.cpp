@@ -8,6 +8,7 @@
 
 #include "support/PlatformChecks.hpp"
 #include "vesk_transport/platform/Transport.h"
+#include "vesk_transport/platform/TransportInternal.hpp"
 
 namespace {
 
@@ -191,6 +192,47 @@ TEST(ClassId, NumbersAndEveryTableNameIgnoringCase) {
     VESK_Transport_ClassId_t classid = 0;
     EXPECT_EQ(VESK_Transport_parse_transport_class_id(nullptr, &classid), 0);
     EXPECT_EQ(VESK_Transport_parse_transport_class_id("UDPv4", nullptr), 0);
+}
+
+// What every transport of the library fills alike: the operations that
+// need a socket or a segment report failure and touch nothing, the address
+// helpers compare and copy all sixteen bytes.
+TEST(CommonOperations, ResourcesFailAndAddressesAreTheirSixteenBytes) {
+    VESK_Transport_Plugin plugin{};
+    vesk::transport::fillCommonOperations(plugin);
+    void *resource = &plugin;
+    VESK_Transport_Port_t port = 7400;
+    VESK_Transport_Address_t a{}, b{};
+    VESK_Transport_Message_t message{};
+    VESK_Transport_Buffer_t buffer{};
+    const int results[] = {plugin.send(&plugin, &resource, &a, 7400, 0, &buffer, 1, nullptr),
+                           plugin.receive_rEA(&plugin, &resource, &buffer, &message, nullptr),
+                           plugin.unblock_receive_rrEA(&plugin, &resource, nullptr),
+                           plugin.create_recvresource_rrEA(&plugin, &resource, &port, &a, 0),
+                           plugin.share_recvresource_rrEA(&plugin, &resource, &a, 7400, 0),
+                           plugin.unshare_recvresource_rrEA(&plugin, &resource, &a, 7400),
+                           plugin.create_sendresource_srEA(&plugin, &resource, &a, 7400, 0),
+                           plugin.share_sendresource_srEA(&plugin, &resource, &a, 7400, 0),
+                           plugin.unshare_sendresource_srEA(&plugin, &resource, &a, 7400, 0),
+                           plugin.update_destination(&plugin, &resource, &a, 7400),
+                           plugin.get_transport_receive_context(&plugin, &resource) != nullptr,
+                           plugin.get_transport_send_context(&plugin, &resource) != nullptr};
+    EXPECT_EQ(std::vector<int>(std::begin(results), std::end(results)), std::vector<int>(12, 0));
+    EXPECT_TRUE(resource == &plugin && port == 7400);
+    plugin.return_loaned_buffer_rEA(&plugin, &resource, &message, nullptr);
+    plugin.destroy_recvresource_rrEA(&plugin, &resource);
+    plugin.destroy_sendresource_srEA(&plugin, &resource);
+    for (int changed : {-1, 0, 15}) {
+        b = a;
+        if (changed >= 0) b.network_ordered_value[changed] = 1;
+        EXPECT_EQ(plugin.are_addresses_equivalent(&plugin, &a, &b), changed < 0) << changed;
+    }
+    EXPECT_EQ(plugin.are_addresses_equivalent(&plugin, &a, nullptr), 0);
+    EXPECT_EQ(plugin.are_addresses_equivalent(&plugin, nullptr, &a), 0);
+    EXPECT_EQ(plugin.get_equivalent_initial_peer_address(&plugin, &a, &b), 1);
+    EXPECT_EQ(a.network_ordered_value[15], 1);
+    EXPECT_EQ(plugin.get_equivalent_initial_peer_address(&plugin, nullptr, &b), 0);
+    EXPECT_EQ(plugin.get_equivalent_initial_peer_address(&plugin, &a, nullptr), 0);
 }
 
 }  // namespace
