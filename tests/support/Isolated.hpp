@@ -40,7 +40,7 @@ std::string runIsolated(const Isolation &isolation, Body body) {
             _exit(0);
         };
         if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
             finish("SKIP: cannot make network and mount namespaces (needs root)");
         }
         if (!isolation.commands.empty() &&
