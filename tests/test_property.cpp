@@ -201,7 +201,8 @@ TEST(PropertyValidationAction, EveryAcceptedSpellingAndNothingElse) {
     constexpr auto kWarning = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_WARNING;
     constexpr auto kException = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION;
     constexpr auto kSkip = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP;
-    constexpr auto kUnchanged = static_cast<DDS_PropertyQosPolicyValidationAction>(42);
+    // -2: none of the three, yet within the enumeration's range.
+    constexpr auto kUnchanged = static_cast<DDS_PropertyQosPolicyValidationAction>(-2);
     struct Row {
         const char *value;  // nullptr: no such property
         DDS_PropertyQosPolicyValidationAction expected;
