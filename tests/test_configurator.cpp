@@ -128,6 +128,8 @@ TEST_F(ConfiguratorTest, InstallRefusalsAndOwnership) {
     ASSERT_EQ(KELNetioConfigurator_installTransportPlugin(
                   configurator_, nullptr, &undeletable.plugin, nullptr, nullptr, &worker_),
               1);
+    KELNetioConfigurator_delete(configurator_);  // while the plugin still exists
+    configurator_ = nullptr;
 }
 
 TEST_F(ConfiguratorTest, QueriesAndLookupsNameTheInstallation) {
