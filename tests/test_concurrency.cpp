@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/PropertyList.hpp"
 #include "support/TestSupport.hpp"
 #include "vesk_transport/Support.h"
 
@@ -23,22 +24,7 @@ constexpr int kCounts = 20000;
 constexpr KEL_UINT64 kUserBytes = 100;
 constexpr KEL_UINT64 kLivelinessBytes = 10;
 
-class Properties {
-public:
-    Properties(std::initializer_list<std::pair<const char *, const char *>> properties) {
-        for (const auto &[name, value] : properties) {
-            EXPECT_EQ(DDS_RETCODE_OK, DDS_PropertyQosPolicyHelper_add_property(
-                                          &policy_, name, value, DDS_BOOLEAN_FALSE));
-        }
-    }
-    ~Properties() { DDS_PropertyQosPolicy_finalize(&policy_); }
-    Properties(const Properties &) = delete;
-    Properties &operator=(const Properties &) = delete;
-    const DDS_PropertyQosPolicy *get() const { return &policy_; }
-
-private:
-    DDS_PropertyQosPolicy policy_ = DDS_PropertyQosPolicy_INITIALIZER;
-};
+using Properties = vesk::test::PropertyList;
 
 // The first problem a thread saw; checked once the threads are joined.
 struct Trouble {
@@ -195,8 +181,7 @@ TEST(Concurrency, FactoriesStatisticsAndCountingAtOnce) {
                     VESK_Transport_UDPv4_WAN_create(nullptr, wanList.get()),
                     VESK_Transport_UDPv6_create_from_properties_with_prefix(nullptr,
                                                                             udpv6List.get(), "p"),
-                    VESK_Transport_Shmem_create(nullptr, shmemList.get(), nullptr),
-                };
+                    VESK_Transport_Shmem_create(nullptr, shmemList.get(), nullptr)};
                 const VESK_Transport_ClassId_t classes[] = {
                     VESK_TRANSPORT_CLASSID_UDPv4, VESK_TRANSPORT_CLASSID_UDPv4_WAN,
                     VESK_TRANSPORT_CLASSID_UDPv6, VESK_TRANSPORT_CLASSID_SHMEM};
@@ -243,37 +228,6 @@ TEST(Concurrency, FactoriesStatisticsAndCountingAtOnce) {
     EXPECT_EQ(final.user_packets_sent, static_cast<KEL_UINT64>(kCounts));
     EXPECT_EQ(final.user_bytes_sent, kUserBytes * kCounts);
     EXPECT_EQ(final._liveliness_bytes_sent, kLivelinessBytes * kCounts);
-}
-
-// Heap accounting and log capture from many threads at once: every thread
-// allocates and releases, and logs through a failing setup.
-TEST(Concurrency, FailingSetupsLogFromEveryThread) {
-    vesk::test::LogCapture capture(VESK_CONFIG_LOG_VERBOSITY_ERROR);
-    const Properties bad{{"send_blocking", "sometimes"}};
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 50;
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                VESK_Transport_Plugin *plugin = VESK_Transport_UDPv4_create(nullptr, bad.get());
-                if (plugin == nullptr) {
-                    failures.fetch_add(1);
-                } else {
-                    plugin->delete_cEA(plugin, nullptr);
-                }
-            }
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(failures.load(), kThreads * kRounds);
-    // Per failure: the conversion, the UDP setup's summary and the factory.
-    int creationFailures = 0;
-    for (const vesk::test::LogEntry &entry : capture.entries()) {
-        if (entry.template_name == "KEL_LOG_CREATION_FAILURE_s") ++creationFailures;
-    }
-    EXPECT_EQ(creationFailures, kThreads * kRounds);
 }
 
 }  // namespace

@@ -1,19 +1,24 @@
-// The library heap: blocks, accounting, resizing, strings, fault injection.
+// The library heap (blocks, accounting, resizing, strings, fault injection)
+// and the string sequences built on it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <thread>
 #include <vector>
 
-#include "support/TestSupport.hpp"
+#include "support/PlatformChecks.hpp"
 #include "vesk_transport/platform/Heap.h"
+#include "vesk_transport/platform/StringSeq.h"
 
 namespace {
 
-using vesk::test::LogCapture;
+using vesk::test::liveHeapBlocks;
+using Strings = std::vector<std::string>;
 
 KELOsapiHeapStatistics stats() {
     KELOsapiHeapStatistics s{};
@@ -22,78 +27,54 @@ KELOsapiHeapStatistics stats() {
 }
 
 bool allZero(const void *p, size_t n) {
-    const auto *bytes = static_cast<const unsigned char *>(p);
     for (size_t i = 0; i < n; ++i) {
-        if (bytes[i] != 0) return false;
+        if (static_cast<const unsigned char *>(p)[i] != 0) return false;
     }
     return true;
 }
 
-TEST(Heap, ArraysAreZeroFilledAlignedAndRecordTheirTypeAndTag) {
+TEST(Heap, BlocksAreZeroFilledAlignedTypedAndCounted) {
     struct Row {
-        const char *label;
-        size_t count;
-        size_t elementSize;
+        size_t count, elementSize;
         const char *typeName;
     };
-    const Row rows[] = {
-        {"one byte", 1, 1, "char"},        {"pointers", 7, sizeof(char *), "char *"},
-        {"odd size", 3, 13, "struct Odd"}, {"doubles", 33, sizeof(double), "double"},
-        {"empty", 0, 8, "long"},           {"large", 1 << 16, 1, "unsigned char"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.label);
+    // "x": the size overflows, or the header no longer fits.
+    const size_t max = std::numeric_limits<size_t>::max();
+    const Row rows[] = {{1, 1, "char"},
+                        {7, sizeof(char *), "char *"},
+                        {3, 13, "struct Odd"},
+                        {0, 8, "long"},
+                        {1 << 16, 1, "unsigned char"},
+                        {max, 2, "x"},
+                        {2, max, "x"},
+                        {max, 1, "x"},
+                        {max / 16, 16, "x"}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::Message() << row.count << " x " << row.elementSize);
         const auto before = stats();
         void *block = KELOsapiHeap_reallocateMemoryInternal(nullptr, row.count, row.elementSize,
-                                                            row.typeName, VESK_TRANSPORT_HEAP_TAG);
-        ASSERT_NE(block, nullptr);
+                                                            row.typeName, 0x41424344u);
+        const auto during = stats();
+        const bool fits = std::strcmp(row.typeName, "x") != 0;
+        ASSERT_EQ(block != nullptr, fits);
+        EXPECT_EQ(during.live_blocks, before.live_blocks + fits);
+        EXPECT_EQ(during.total_allocations, before.total_allocations + fits);
+        EXPECT_EQ(during.failed_allocations, before.failed_allocations + !fits);
+        if (!fits) continue;
+        EXPECT_EQ(during.live_bytes, before.live_bytes + row.count * row.elementSize);
         EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t), 0u);
         EXPECT_TRUE(allZero(block, row.count * row.elementSize));
         EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(block), row.typeName);
-        EXPECT_EQ(KELOsapiHeap_getBlockTag(block), VESK_TRANSPORT_HEAP_TAG);
-
-        const auto during = stats();
-        EXPECT_EQ(during.live_blocks, before.live_blocks + 1);
-        EXPECT_EQ(during.live_bytes, before.live_bytes + row.count * row.elementSize);
-        EXPECT_EQ(during.total_allocations, before.total_allocations + 1);
-
+        EXPECT_EQ(KELOsapiHeap_getBlockTag(block), 0x41424344u);
         KELOsapiHeap_freeMemoryInternal(block);
-        const auto after = stats();
-        EXPECT_EQ(after.live_blocks, before.live_blocks);
-        EXPECT_EQ(after.live_bytes, before.live_bytes);
+        EXPECT_EQ(stats().live_blocks, before.live_blocks);
+        EXPECT_EQ(stats().live_bytes, before.live_bytes);
     }
-}
-
-TEST(Heap, AllocateArrayMacroRecordsTheTypeAsWritten) {
-    char **names = nullptr;
+    char **names = nullptr;  // the macro records the type as written, with the module's tag
     ASSERT_TRUE(KELOsapiHeap_allocateArray(&names, 4, char *));
     EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(names), "char *");
     EXPECT_EQ(KELOsapiHeap_getBlockTag(names), 0x56545253u);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(names[i], nullptr);
     KELOsapiHeap_freeArray(names);
-}
-
-TEST(Heap, OverflowingSizesAreRefusedAndCounted) {
-    struct Row {
-        size_t count;
-        size_t elementSize;
-    };
-    const size_t max = std::numeric_limits<size_t>::max();
-    const Row rows[] = {
-        {max, 2},       {2, max}, {max / 2 + 1, 2}, {max, 1},  // the header no longer fits
-        {max / 16, 16},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << row.count << " x " << row.elementSize);
-        const auto before = stats();
-        EXPECT_EQ(KELOsapiHeap_reallocateMemoryInternal(nullptr, row.count, row.elementSize, "x",
-                                                        VESK_TRANSPORT_HEAP_TAG),
-                  nullptr);
-        const auto after = stats();
-        EXPECT_EQ(after.failed_allocations, before.failed_allocations + 1);
-        EXPECT_EQ(after.live_blocks, before.live_blocks);
-        EXPECT_EQ(after.total_allocations, before.total_allocations);
-    }
 }
 
 TEST(Heap, ResizeKeepsContentTypeAndTagAndZeroFillsNewBytes) {
@@ -101,8 +82,6 @@ TEST(Heap, ResizeKeepsContentTypeAndTagAndZeroFillsNewBytes) {
         KELOsapiHeap_reallocateMemoryInternal(nullptr, 4, 4, "int", 0x41424344u));
     ASSERT_NE(block, nullptr);
     std::memset(block, 0xAB, 16);
-
-    // The type name and tag given to a resize are ignored.
     auto *grown = static_cast<unsigned char *>(
         KELOsapiHeap_reallocateMemoryInternal(block, 1000, 4, "other", 1u));
     ASSERT_NE(grown, nullptr);
@@ -111,164 +90,114 @@ TEST(Heap, ResizeKeepsContentTypeAndTagAndZeroFillsNewBytes) {
     for (int i = 0; i < 16; ++i) EXPECT_EQ(grown[i], 0xAB);
     EXPECT_TRUE(allZero(grown + 16, 4000 - 16));
     const auto afterGrow = stats();
-
     auto *shrunk =
         static_cast<unsigned char *>(KELOsapiHeap_reallocateMemoryInternal(grown, 2, 4, "", 0));
     ASSERT_NE(shrunk, nullptr);
     EXPECT_EQ(stats().live_bytes, afterGrow.live_bytes - 3992);
     EXPECT_EQ(stats().live_blocks, afterGrow.live_blocks);
+    EXPECT_EQ(stats().total_allocations, afterGrow.total_allocations + 1);
     std::memset(shrunk, 0xCD, 8);
-
     // Growing again after a shrink must not bring back the old bytes.
     auto *regrown =
         static_cast<unsigned char *>(KELOsapiHeap_reallocateMemoryInternal(shrunk, 8, 4, "", 0));
     ASSERT_NE(regrown, nullptr);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(regrown[i], 0xCD);
     EXPECT_TRUE(allZero(regrown + 8, 24));
+
+    // A refused resize leaves the block as it was.
+    const auto before = stats();
+    KELOsapiHeap_failAllocationAfter(1);
+    EXPECT_EQ(KELOsapiHeap_reallocateMemoryInternal(regrown, 64, 1, "char", 7u), nullptr);
+    EXPECT_EQ(KELOsapiHeap_reallocateMemoryInternal(regrown, SIZE_MAX, 2, "char", 7u), nullptr);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(regrown[i], 0xCD);
+    EXPECT_EQ(stats().live_bytes, before.live_bytes);
+    EXPECT_EQ(stats().failed_allocations, before.failed_allocations + 2);
     KELOsapiHeap_freeMemoryInternal(regrown);
 }
 
-TEST(Heap, RefusedResizeLeavesTheBlockIntact) {
-    auto *block =
-        static_cast<char *>(KELOsapiHeap_reallocateMemoryInternal(nullptr, 8, 1, "char", 7u));
-    ASSERT_NE(block, nullptr);
-    std::memcpy(block, "abcdefg", 8);
-    const auto before = stats();
-
-    KELOsapiHeap_failAllocationAfter(1);
-    EXPECT_EQ(KELOsapiHeap_reallocateMemoryInternal(block, 64, 1, "char", 7u), nullptr);
-    EXPECT_EQ(KELOsapiHeap_reallocateMemoryInternal(block, std::numeric_limits<size_t>::max(), 2,
-                                                    "char", 7u),
-              nullptr);
-    EXPECT_STREQ(block, "abcdefg");
-    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(block), "char");
-    const auto after = stats();
-    EXPECT_EQ(after.live_bytes, before.live_bytes);
-    EXPECT_EQ(after.failed_allocations, before.failed_allocations + 2);
-    KELOsapiHeap_freeMemoryInternal(block);
-}
-
-TEST(Heap, FreeOfNullIsIgnored) {
-    const auto before = stats();
-    KELOsapiHeap_freeMemoryInternal(nullptr);
-    KELOsapiHeap_freeArray(static_cast<int *>(nullptr));
-    DDS_String_free(nullptr);
-    EXPECT_EQ(stats().live_blocks, before.live_blocks);
-    EXPECT_EQ(KELOsapiHeap_getBlockTypeName(nullptr), nullptr);
-    EXPECT_EQ(KELOsapiHeap_getBlockTag(nullptr), 0u);
-}
-
-TEST(Heap, ForeignPointerIsRejectedAsAPreconditionFailure) {
-    // Memory that never came from the heap: its would-be header holds no
-    // magic, so it is neither described, resized nor released.
+TEST(Heap, NullIsIgnoredAndAForeignPointerIsAPreconditionFailure) {
+    // Memory that never came from the heap has no live header: it is
+    // neither described, resized nor released.
     alignas(std::max_align_t) unsigned char foreign[256] = {};
     void *fake = foreign + 128;
-    LogCapture capture(VESK_CONFIG_LOG_VERBOSITY_ERROR);
+    vesk::test::LogCapture capture(VESK_CONFIG_LOG_VERBOSITY_ERROR);
     const KEL_UINT64 breakpoints = KELLog_getAssertBreakpointCount();
-    const int detectedBefore = KELLog_g_preconditionDetected;
     const auto before = stats();
-
+    KELOsapiHeap_freeMemoryInternal(nullptr);
+    DDS_String_free(nullptr);
+    KELOsapiHeap_getStatistics(nullptr);
+    EXPECT_EQ(KELOsapiHeap_getBlockTypeName(nullptr), nullptr);
+    EXPECT_EQ(KELOsapiHeap_getBlockTag(nullptr), 0u);
     EXPECT_EQ(KELOsapiHeap_getBlockTypeName(fake), nullptr);
     EXPECT_EQ(KELOsapiHeap_getBlockTag(fake), 0u);
     EXPECT_EQ(KELOsapiHeap_reallocateMemoryInternal(fake, 4, 4, "int", 1u), nullptr);
     KELOsapiHeap_freeMemoryInternal(fake);
-
     EXPECT_EQ(stats().live_blocks, before.live_blocks);
     EXPECT_EQ(KELLog_getAssertBreakpointCount(), breakpoints + 2);
     EXPECT_EQ(KELLog_g_preconditionDetected, 1);
-    KELLog_g_preconditionDetected = detectedBefore;
-    ASSERT_EQ(capture.entries().size(), 2u);
-    EXPECT_EQ(capture.entries()[0].function, "KELOsapiHeap_reallocateMemoryInternal");
-    EXPECT_EQ(capture.entries()[1].function, "KELOsapiHeap_freeMemoryInternal");
-    EXPECT_EQ(capture.summary()[1], "KEL_LOG_PRECONDITION_FAILURE_s(\"ptr is a live heap block\")");
-    EXPECT_EQ(capture.entries()[1].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_EXCEPTION));
+    KELLog_g_preconditionDetected = 0;
+    const std::string logged = " KEL_LOG_PRECONDITION_FAILURE_s(\"ptr is a live heap block\")";
+    EXPECT_EQ(vesk::test::logLines(capture),
+              (Strings{"1 KELOsapiHeap_reallocateMemoryInternal" + logged,
+                       "1 KELOsapiHeap_freeMemoryInternal" + logged}));
 }
 
 TEST(Heap, StringsLiveOnTheSameHeap) {
     const auto before = stats();
     char *empty = DDS_String_alloc(0);
-    ASSERT_NE(empty, nullptr);
-    EXPECT_STREQ(empty, "");
     char *five = DDS_String_alloc(5);
-    ASSERT_NE(five, nullptr);
-    EXPECT_TRUE(allZero(five, 6));
-    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(five), "char");
-    EXPECT_EQ(KELOsapiHeap_getBlockTag(five), VESK_TRANSPORT_HEAP_TAG);
-
     char *copy = DDS_String_dup("eth0, lo");
-    ASSERT_NE(copy, nullptr);
+    ASSERT_TRUE(empty != nullptr && five != nullptr && copy != nullptr);
+    EXPECT_TRUE(allZero(five, 6));
     EXPECT_STREQ(copy, "eth0, lo");
     EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(copy), "char");
+    EXPECT_EQ(KELOsapiHeap_getBlockTag(copy), VESK_TRANSPORT_HEAP_TAG);
+    EXPECT_EQ(stats().live_blocks, before.live_blocks + 3);
+    EXPECT_EQ(stats().live_bytes, before.live_bytes + 1 + 6 + 9);
     EXPECT_EQ(DDS_String_dup(nullptr), nullptr);
-
-    const auto during = stats();
-    EXPECT_EQ(during.live_blocks, before.live_blocks + 3);
-    EXPECT_EQ(during.live_bytes, before.live_bytes + 1 + 6 + 9);
-    DDS_String_free(empty);
-    DDS_String_free(five);
-    DDS_String_free(copy);
+    EXPECT_EQ(DDS_String_alloc(SIZE_MAX), nullptr);
+    EXPECT_EQ(stats().failed_allocations, before.failed_allocations + 1);
+    for (char *text : {empty, five, copy}) DDS_String_free(text);
     EXPECT_EQ(stats().live_bytes, before.live_bytes);
-
-    EXPECT_EQ(DDS_String_alloc(std::numeric_limits<size_t>::max()), nullptr);
 }
 
-TEST(Heap, FaultInjectionFailsExactlyTheNthNextAllocation) {
+TEST(Heap, FaultInjectionFailsTheNthNextAllocationOfThisThreadOnly) {
     struct Row {
         long n;
-        std::vector<bool> expectedSuccess;  // of the next allocations, in order
+        std::vector<bool> succeeds;  // the next allocations, in order
         bool pendingAfter;
     };
-    const std::vector<Row> rows = {
-        {1, {false, true, true}, false}, {2, {true, false, true}, false},
-        {4, {true, true, true}, true},   {0, {true, true, true}, false},
-        {-3, {true, true}, false},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << "n = " << row.n);
+    const Row rows[] = {{1, {false, true}, false},
+                        {2, {true, false, true}, false},
+                        {4, {true, true, true}, true},
+                        {0, {true}, false},
+                        {-3, {true}, false}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.n);
+        const auto before = stats();
         KELOsapiHeap_failAllocationAfter(row.n);
         EXPECT_EQ(KELOsapiHeap_isFailurePending() != 0, row.n > 0);
-        for (size_t i = 0; i < row.expectedSuccess.size(); ++i) {
-            SCOPED_TRACE(testing::Message() << "allocation " << i + 1);
+        bool otherThreadSucceeded = false;
+        std::thread([&] {
+            char *text = DDS_String_alloc(1);
+            otherThreadSucceeded = text != nullptr;
+            DDS_String_free(text);
+        }).join();
+        for (bool succeeds : row.succeeds) {
             char *text = DDS_String_dup("x");
-            EXPECT_EQ(text != nullptr, row.expectedSuccess[i]);
+            EXPECT_EQ(text != nullptr, succeeds);
             DDS_String_free(text);
         }
         EXPECT_EQ(KELOsapiHeap_isFailurePending() != 0, row.pendingAfter);
         KELOsapiHeap_failAllocationAfter(0);
         EXPECT_EQ(KELOsapiHeap_isFailurePending(), 0);
+        EXPECT_TRUE(otherThreadSucceeded);
+        const auto refused = std::count(row.succeeds.begin(), row.succeeds.end(), false);
+        EXPECT_EQ(stats().failed_allocations, before.failed_allocations + refused);
     }
 }
 
-TEST(Heap, FaultInjectionCountsTowardsTheStatistics) {
-    const auto before = stats();
-    KELOsapiHeap_failAllocationAfter(1);
-    EXPECT_EQ(DDS_String_alloc(3), nullptr);
-    const auto after = stats();
-    EXPECT_EQ(after.failed_allocations, before.failed_allocations + 1);
-    EXPECT_EQ(after.total_allocations, before.total_allocations);
-    EXPECT_EQ(after.live_blocks, before.live_blocks);
-}
-
-TEST(Heap, FaultInjectionIsPerThread) {
-    KELOsapiHeap_failAllocationAfter(1);
-    bool otherSucceeded = false;
-    bool otherPending = true;
-    std::thread other([&] {
-        otherPending = KELOsapiHeap_isFailurePending() != 0;
-        char *text = DDS_String_dup("other");
-        otherSucceeded = text != nullptr;
-        DDS_String_free(text);
-    });
-    other.join();
-    EXPECT_FALSE(otherPending);
-    EXPECT_TRUE(otherSucceeded);
-    EXPECT_TRUE(KELOsapiHeap_isFailurePending());
-    EXPECT_EQ(DDS_String_dup("mine"), nullptr);
-}
-
 TEST(Heap, ConcurrentAllocationsKeepTheAccountsExact) {
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 2000;
+    constexpr int kThreads = 4, kRounds = 2000;
     const auto before = stats();
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
@@ -276,7 +205,6 @@ TEST(Heap, ConcurrentAllocationsKeepTheAccountsExact) {
             std::vector<char *> kept;
             for (int i = 0; i < kRounds; ++i) {
                 char *text = DDS_String_alloc(static_cast<size_t>(i % 17 + t));
-                if (text == nullptr) continue;
                 if (i % 3 == 0) {
                     kept.push_back(text);
                 } else {
@@ -287,14 +215,189 @@ TEST(Heap, ConcurrentAllocationsKeepTheAccountsExact) {
         });
     }
     for (auto &thread : threads) thread.join();
-    const auto after = stats();
-    EXPECT_EQ(after.live_blocks, before.live_blocks);
-    EXPECT_EQ(after.live_bytes, before.live_bytes);
-    EXPECT_EQ(after.total_allocations, before.total_allocations + kThreads * kRounds);
+    EXPECT_EQ(stats().live_blocks, before.live_blocks);
+    EXPECT_EQ(stats().live_bytes, before.live_bytes);
+    EXPECT_EQ(stats().total_allocations, before.total_allocations + kThreads * kRounds);
 }
 
-TEST(Heap, StatisticsOutMayBeNull) {
-    KELOsapiHeap_getStatistics(nullptr);
+// ---------------------------------------------------------------------------
+// String sequences
+
+Strings contents(const DDS_StringSeq &seq) {
+    Strings out;
+    for (DDS_Long i = 0; i < DDS_StringSeq_get_length(&seq); ++i) {
+        const char *text = DDS_StringSeq_get(&seq, i);
+        out.emplace_back(text != nullptr ? text : "<null>");
+    }
+    return out;
+}
+
+DDS_StringSeq sequenceOf(const std::vector<const char *> &texts) {
+    DDS_StringSeq seq;
+    EXPECT_TRUE(DDS_StringSeq_initialize(&seq));
+    for (const char *text : texts) EXPECT_TRUE(DDS_StringSeq_append(&seq, text));
+    return seq;
+}
+
+TEST(StringSeq, AppendCopiesAndGrowsAndFinalizeReleases) {
+    DDS_StringSeq seq = {reinterpret_cast<char **>(0x10), 5, 7, DDS_BOOLEAN_FALSE};
+    ASSERT_TRUE(DDS_StringSeq_initialize(&seq));
+    EXPECT_TRUE(seq._contiguous_buffer == nullptr && seq._length == 0 && seq._maximum == 0);
+    EXPECT_TRUE(seq._owned);
+    Strings expected;
+    for (int i = 0; i < 40; ++i) {
+        std::string text = "alias" + std::to_string(i);
+        ASSERT_TRUE(DDS_StringSeq_append(&seq, text.c_str()));
+        expected.push_back(text);
+    }
+    ASSERT_TRUE(DDS_StringSeq_append(&seq, nullptr));
+    expected.emplace_back("<null>");
+    EXPECT_EQ(contents(seq), expected);
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(seq._contiguous_buffer), "char *");
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(DDS_StringSeq_get(&seq, 0)), "char");
+    for (DDS_Long i : {-1, 41, 42}) EXPECT_EQ(DDS_StringSeq_get(&seq, i), nullptr) << i;
+    EXPECT_TRUE(DDS_StringSeq_finalize(&seq));
+    EXPECT_TRUE(seq._contiguous_buffer == nullptr && seq._length == 0 && seq._maximum == 0);
+    EXPECT_TRUE(DDS_StringSeq_finalize(&seq)) << "finalizing an empty sequence is harmless";
+    EXPECT_FALSE(DDS_StringSeq_initialize(nullptr));
+    EXPECT_EQ(DDS_StringSeq_get_length(nullptr), 0);
+    EXPECT_EQ(DDS_StringSeq_get(nullptr, 0), nullptr);
+}
+
+TEST(StringSeq, ANonOwningSequenceIsNeitherChangedNorReleased) {
+    char first[] = "lent";
+    char *lent[] = {first, nullptr};
+    DDS_StringSeq seq = {lent, 1, 2, DDS_BOOLEAN_FALSE};
+    DDS_StringSeq empty = DDS_SEQUENCE_INITIALIZER;
+    const auto blocks = liveHeapBlocks();
+    EXPECT_FALSE(DDS_StringSeq_append(&seq, "more"));
+    EXPECT_FALSE(DDS_StringSeq_finalize(&seq));
+    EXPECT_FALSE(DDS_StringSeq_copy(&seq, &empty));
+    EXPECT_EQ(DDS_StringSeq_from_delimited_string(&seq, "a,b", ','), DDS_RETCODE_BAD_PARAMETER);
+    EXPECT_TRUE(seq._contiguous_buffer == lent && seq._length == 1 && seq._maximum == 2);
+    EXPECT_TRUE(lent[0] == first && lent[1] == nullptr);
+    EXPECT_EQ(liveHeapBlocks(), blocks);
+    EXPECT_FALSE(DDS_StringSeq_append(nullptr, "x"));
+    EXPECT_FALSE(DDS_StringSeq_finalize(nullptr));
+}
+
+TEST(StringSeq, CopyMakesAnExactIndependentCopy) {
+    struct Row {
+        std::vector<const char *> target, source;
+    };
+    const Row rows[] = {{{}, {"a", "", "c"}},
+                        {{"old1", "old2", "old3"}, {"new"}},
+                        {{"old"}, {}},
+                        {{}, {"x", nullptr, "z"}}};
+    for (const Row &row : rows) {
+        DDS_StringSeq target = sequenceOf(row.target);
+        DDS_StringSeq source = sequenceOf(row.source);
+        const Strings expected = contents(source);
+        SCOPED_TRACE(testing::PrintToString(expected));
+        ASSERT_TRUE(DDS_StringSeq_copy(&target, &source));
+        for (DDS_Long i = 0; i < source._length; ++i) {
+            if (source._contiguous_buffer[i] != nullptr) {
+                EXPECT_NE(target._contiguous_buffer[i], source._contiguous_buffer[i]);
+            }
+        }
+        EXPECT_TRUE(DDS_StringSeq_finalize(&source));
+        EXPECT_EQ(contents(target), expected);
+        EXPECT_TRUE(DDS_StringSeq_copy(&target, &target));
+        EXPECT_FALSE(DDS_StringSeq_copy(&target, nullptr));
+        EXPECT_FALSE(DDS_StringSeq_copy(nullptr, &target));
+        EXPECT_EQ(contents(target), expected);
+        EXPECT_TRUE(DDS_StringSeq_finalize(&target));
+    }
+}
+
+TEST(StringSeq, SplittingKeepsEveryPieceUntrimmed) {
+    struct Row {
+        const char *text;
+        char delimiter;
+        Strings expected;
+    };
+    const Row rows[] = {{"", ',', {}},
+                        {"a", ',', {"a"}},
+                        {"a,,b", ',', {"a", "", "b"}},
+                        {"a,", ',', {"a", ""}},
+                        {",a", ',', {"", "a"}},
+                        {",,", ',', {"", "", ""}},
+                        {" eth0 , 10.0.0.1 ,lo", ',', {" eth0 ", " 10.0.0.1 ", "lo"}},
+                        {"a;b,c", ';', {"a", "b,c"}},
+                        {"x", '\0', {"x"}}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\" on '" << row.delimiter << "'");
+        // An owning sequence emptied by hand still holds its buffer: the
+        // split must not leak it.
+        DDS_StringSeq seq = sequenceOf({"dropped"});
+        DDS_String_free(seq._contiguous_buffer[0]);
+        seq._length = 0;
+        ASSERT_EQ(DDS_StringSeq_from_delimited_string(&seq, row.text, row.delimiter),
+                  DDS_RETCODE_OK);
+        EXPECT_EQ(contents(seq), row.expected);
+        EXPECT_TRUE(DDS_StringSeq_finalize(&seq));
+    }
+    DDS_StringSeq full = sequenceOf({"already"});
+    DDS_StringSeq empty = DDS_SEQUENCE_INITIALIZER;
+    EXPECT_EQ(DDS_StringSeq_from_delimited_string(nullptr, "a", ','), DDS_RETCODE_BAD_PARAMETER);
+    EXPECT_EQ(DDS_StringSeq_from_delimited_string(&empty, nullptr, ','), DDS_RETCODE_BAD_PARAMETER);
+    EXPECT_EQ(DDS_StringSeq_from_delimited_string(&full, "a,b", ','), DDS_RETCODE_BAD_PARAMETER);
+    EXPECT_EQ(contents(full), Strings{"already"});
+    EXPECT_TRUE(DDS_StringSeq_finalize(&full));
+}
+
+// Every allocation of each operation refused in turn: a refused operation
+// leaves the sequence exactly as it was (a split: empty) and nothing live.
+TEST(StringSeq, ExhaustedMemoryLeavesTheSequenceAsItWas) {
+    DDS_StringSeq source = sequenceOf({"one", "two", "three"});
+    using Operation = bool (*)(DDS_StringSeq *, const DDS_StringSeq *);
+    const Operation append = [](DDS_StringSeq *s, const DDS_StringSeq *) {
+        return DDS_StringSeq_append(s, "new") != 0;
+    };
+    struct Row {
+        std::vector<const char *> held;
+        Operation operation;
+        long allocations;
+        Strings expected;
+    };
+    const Row rows[] = {
+        {{"old"}, append, 1, {"old", "new"}},
+        {{"1", "2", "3", "4"}, append, 2, {"1", "2", "3", "4", "new"}},
+        {{"kept"},
+         [](DDS_StringSeq *s, const DDS_StringSeq *src) { return DDS_StringSeq_copy(s, src) != 0; },
+         4,
+         {"one", "two", "three"}},
+        {{},
+         [](DDS_StringSeq *s, const DDS_StringSeq *) {
+             return DDS_StringSeq_from_delimited_string(s, "a,,bc,d", ',') == DDS_RETCODE_OK;
+         },
+         5,
+         {"a", "", "bc", "d"}}};
+    for (const Row &row : rows) {
+        for (long n = 1;; ++n) {
+            SCOPED_TRACE(testing::Message() << row.expected.back() << ", allocation " << n);
+            ASSERT_LE(n, row.allocations + 1);
+            DDS_StringSeq seq = sequenceOf(row.held);
+            const DDS_StringSeq before = seq;
+            const auto blocks = liveHeapBlocks();
+            KELOsapiHeap_failAllocationAfter(n);
+            const bool ok = row.operation(&seq, &source);
+            const bool refused = KELOsapiHeap_isFailurePending() == 0;
+            KELOsapiHeap_failAllocationAfter(0);
+            EXPECT_EQ(ok, !refused);
+            if (ok) {
+                EXPECT_EQ(contents(seq), row.expected);
+                EXPECT_EQ(n, row.allocations + 1);
+                DDS_StringSeq_finalize(&seq);
+                break;
+            }
+            EXPECT_EQ(liveHeapBlocks(), blocks);
+            EXPECT_TRUE(seq._contiguous_buffer == before._contiguous_buffer &&
+                        seq._length == before._length && seq._maximum == before._maximum);
+            DDS_StringSeq_finalize(&seq);
+        }
+    }
+    DDS_StringSeq_finalize(&source);
 }
 
 }  // namespace

@@ -1,34 +1,48 @@
 // The participant: creation and deletion, enabling with builtin transports,
-// the builtin property records and the alias conversions.
-
+// the builtin property records and the alias conversions; every refusal
+// with its message, every allocation failing in turn.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "support/TestSupport.hpp"
+#include "support/PlatformChecks.hpp"
 #include "vesk_transport/Support.h"
-#include "vesk_transport/platform/Heap.h"
 
 namespace {
 
+using vesk::test::aliasList;
+using vesk::test::FakePlugin;
 using vesk::test::liveHeapBlocks;
 using vesk::test::LogCapture;
-using vesk::test::summarize;
+using vesk::test::logLines;
+using Strings = std::vector<std::string>;
 
-constexpr const char *GET_NAME = "DDS_DomainParticipant_get_builtin_transport_property";
-constexpr const char *SET_NAME = "DDS_DomainParticipant_set_builtin_transport_property";
-constexpr const char *ENABLE_NAME = "DDS_DomainParticipant_enable";
+const std::string kGet = "2 DDS_DomainParticipant_get_builtin_transport_property ";
+const std::string kSet = "2 DDS_DomainParticipant_set_builtin_transport_property ";
+const std::string kEnable = "2 DDS_DomainParticipant_enable ";
 
-DDS_DomainParticipant *create(DDS_TransportBuiltinKindMask mask, int plugin_count_max = 0) {
-    DDS_DomainParticipantOptions options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
-    options.transport_builtin_mask = mask;
-    options.plugin_count_max = plugin_count_max;
+DDS_DomainParticipant *create(DDS_TransportBuiltinKindMask mask, int plugin_count_max = 0,
+                              int without_configurator = 0) {
+    DDS_DomainParticipantOptions options = {mask, plugin_count_max, 0, without_configurator, 0};
     return DDS_DomainParticipant_create(&options);
 }
 
-// An interface list owned by the caller, on the library heap.
+KELNetioConfigurator *configuratorOf(DDS_DomainParticipant *participant) {
+    return DDS_DomainParticipant_get_netio_configuratorI(participant);
+}
+
+void installFake(DDS_DomainParticipant *participant, VESK_Transport_ClassId_t classid,
+                 const char *alias) {
+    KELNetioAliasList list = aliasList(alias);
+    ASSERT_EQ(KELNetioConfigurator_installTransportPlugin(
+                  configuratorOf(participant), nullptr, FakePlugin::make(classid), &list, nullptr,
+                  DDS_DomainParticipant_get_workerI(participant)),
+              1);
+}
+
+// A heap interface list owned by the caller.
 char **newList(std::initializer_list<const char *> names) {
     char **list = nullptr;
     EXPECT_TRUE(KELOsapiHeap_allocateArray(&list, names.size(), char *));
@@ -37,331 +51,196 @@ char **newList(std::initializer_list<const char *> names) {
     return list;
 }
 
-// Asserts one logged message: template, function and parameters.
-void expectSingleLog(const LogCapture &log, const char *function, const std::string &expected) {
-    const auto entries = log.entries();
-    ASSERT_EQ(entries.size(), 1u) << (entries.empty() ? "" : entries[0].text);
-    EXPECT_EQ(entries[0].function, function);
-    EXPECT_EQ(entries[0].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
-    EXPECT_EQ(summarize(entries[0].template_name, entries[0].params), expected);
-}
-
-int g_fakeDeleteCount = 0;
-
-struct FakePlugin {
-    VESK_Transport_Plugin plugin;
-    VESK_Transport_Property_t property;
-};
-
-void fakeDelete(VESK_Transport_Plugin *self, void *) {
-    ++g_fakeDeleteCount;
-    KELOsapiHeap_freeMemoryInternal(self);
-}
-
-VESK_Transport_Plugin *newFakePlugin(VESK_Transport_ClassId_t classid) {
-    auto *fake = static_cast<FakePlugin *>(KELOsapiHeap_reallocateMemoryInternal(
-        nullptr, 1, sizeof(FakePlugin), "FakePlugin", VESK_TRANSPORT_HEAP_TAG));
-    fake->property.classid = classid;
-    fake->plugin.property = &fake->property;
-    fake->plugin.delete_cEA = &fakeDelete;
-    return &fake->plugin;
-}
-
-void installFake(DDS_DomainParticipant *participant, VESK_Transport_ClassId_t classid,
-                 const char *alias) {
-    KELNetioAliasList list{};
-    ASSERT_EQ(KELNetioAliasList_appendFromString(&list, alias), 1);
-    const VESK_Transport_Address_t zero{};
-    ASSERT_EQ(
-        KELNetioConfigurator_installTransportPlugin(
-            DDS_DomainParticipant_get_netio_configuratorI(participant), nullptr,
-            newFakePlugin(classid), &list, &zero, DDS_DomainParticipant_get_workerI(participant)),
-        1);
-}
-
-// ---------------------------------------------------------------------------
-// Creation and deletion
-// ---------------------------------------------------------------------------
-
-TEST(ParticipantTest, CreateGivesADisabledParticipantWithConfiguratorAndWorker) {
-    DDS_DomainParticipant *participant = DDS_DomainParticipant_create(nullptr);
-    ASSERT_NE(participant, nullptr);
-    // The entity part heads the participant and reports its state.
+TEST(Participant, CreateGivesADisabledParticipantAndSurvivesEveryAllocationFailure) {
+    const KEL_UINT64 before = liveHeapBlocks();
+    DDS_DomainParticipant *participant = nullptr;
+    long n = 1;
+    for (; participant == nullptr; ++n) {
+        ASSERT_LT(n, 100);
+        KELOsapiHeap_failAllocationAfter(n);
+        participant = DDS_DomainParticipant_create(nullptr);
+        KELOsapiHeap_failAllocationAfter(0);
+        if (participant == nullptr) {
+            EXPECT_EQ(liveHeapBlocks(), before) << n;
+        }
+    }
+    EXPECT_EQ(n, 6);  // the participant and the configurator's three blocks
     const auto *entity = reinterpret_cast<const DDS_Entity *>(participant);
-    ASSERT_NE(entity->_is_enabled, nullptr);
     EXPECT_EQ(entity->_is_enabled(entity), 0);
     EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 0);
-
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant);
-    ASSERT_NE(configurator, nullptr);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), 0);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCountMax(configurator),
+    EXPECT_EQ(KELNetioConfigurator_getPluginCountMax(configuratorOf(participant)),
               KEL_NETIO_CONFIGURATOR_PLUGIN_COUNT_MAX_DEFAULT);
     REDAWorker *worker = DDS_DomainParticipant_get_workerI(participant);
     ASSERT_NE(worker, nullptr);
     EXPECT_STREQ(worker->_name, "participant worker");
     EXPECT_EQ(worker->_activityContext, nullptr);
-    EXPECT_EQ(DDS_DomainParticipant_get_workerI(participant), worker);  // one per participant
-    DDS_DomainParticipant_delete(participant);
-    DDS_DomainParticipant_delete(nullptr);
-}
-
-TEST(ParticipantTest, OptionsLeaveOutConfiguratorOrWorker) {
-    DDS_DomainParticipantOptions options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
-    options.without_netio_configurator = 1;
-    DDS_DomainParticipant *bare = DDS_DomainParticipant_create(&options);
-    ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(DDS_DomainParticipant_get_netio_configuratorI(bare), nullptr);
-    EXPECT_NE(DDS_DomainParticipant_get_workerI(bare), nullptr);
-
-    options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
-    options.without_worker = 1;
-    options.plugin_count_max = 3;
-    DDS_DomainParticipant *workerless = DDS_DomainParticipant_create(&options);
-    ASSERT_NE(workerless, nullptr);
-    EXPECT_EQ(DDS_DomainParticipant_get_workerI(workerless), nullptr);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCountMax(
-                  DDS_DomainParticipant_get_netio_configuratorI(workerless)),
-              3);
-    EXPECT_EQ(DDS_DomainParticipant_get_netio_configuratorI(nullptr), nullptr);
-    EXPECT_EQ(DDS_DomainParticipant_get_workerI(nullptr), nullptr);
-    EXPECT_EQ(DDS_DomainParticipant_is_enabled(nullptr), 0);
-    DDS_DomainParticipant_delete(workerless);
-    DDS_DomainParticipant_delete(bare);
-}
-
-TEST(ParticipantTest, CreateSurvivesEveryAllocationFailure) {
-    const KEL_UINT64 before = liveHeapBlocks();
-    DDS_DomainParticipant *participant = nullptr;
-    long n = 1;
-    for (; n < 200 && participant == nullptr; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
-        KELOsapiHeap_failAllocationAfter(n);
-        participant = DDS_DomainParticipant_create(nullptr);
-        if (participant == nullptr) {
-            EXPECT_EQ(liveHeapBlocks(), before);
-        }
-    }
-    KELOsapiHeap_failAllocationAfter(0);
-    ASSERT_NE(participant, nullptr);
-    EXPECT_GT(n, 2);
-    DDS_DomainParticipant_delete(participant);
-    EXPECT_EQ(liveHeapBlocks(), before);
-}
-
-TEST(ParticipantTest, DeleteReleasesInstalledPluginsAndRecords) {
-    DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    g_fakeDeleteCount = 0;
+    // Deleting releases the installed plugins and the records with the participant.
+    FakePlugin::deletions = 0;
     installFake(participant, 0x7001, "mine");
-    installFake(participant, 0x7002, "yours");
-    // A record with owned members, released with the participant.
     VESK_Transport_UDP_Property_t record = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT;
     record.parent.thread_name_prefix = const_cast<char *>("abc");
     ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
                   participant, DDS_TRANSPORTBUILTIN_UDPv4, &record.parent),
               DDS_RETCODE_OK);
     DDS_DomainParticipant_delete(participant);
-    EXPECT_EQ(g_fakeDeleteCount, 2);
-}
+    EXPECT_EQ(FakePlugin::deletions, 1);
+    EXPECT_EQ(liveHeapBlocks(), before);
+    DDS_DomainParticipant_delete(nullptr);
 
-// ---------------------------------------------------------------------------
-// Enabling
-// ---------------------------------------------------------------------------
-
-TEST(ParticipantTest, EnableInstallsTheUdpv4Builtin) {
-    DDS_DomainParticipant *participant = DDS_DomainParticipant_create(nullptr);
-    ASSERT_NE(participant, nullptr);
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant);
-    REDAWorker *worker = DDS_DomainParticipant_get_workerI(participant);
-
-    ASSERT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_OK);
-    EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 1);
-    const auto *entity = reinterpret_cast<const DDS_Entity *>(participant);
-    EXPECT_NE(entity->_is_enabled(entity), 0);
-
-    VESK_Transport_Plugin *plugin = KELNetioConfigurator_getTransportPluginByClass(
-        configurator, VESK_TRANSPORT_CLASSID_UDPv4, worker);
-    ASSERT_NE(plugin, nullptr);
-    ASSERT_NE(plugin->property, nullptr);
-    EXPECT_EQ(plugin->property->classid, VESK_TRANSPORT_CLASSID_UDPv4);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), 1);
-
-    KELNetioAliasList aliases;
-    VESK_Transport_Address_t networkAddress;
-    std::memset(&networkAddress, 0xAB, sizeof(networkAddress));
-    ASSERT_EQ(KELNetioConfigurator_queryTransportPlugin(configurator, &aliases, &networkAddress,
-                                                        nullptr, plugin, worker),
-              1);
-    EXPECT_STREQ(aliases.element, DDS_TRANSPORTBUILTIN_UDPv4_ALIAS);
-    const VESK_Transport_Address_t zero{};
-    EXPECT_EQ(std::memcmp(&networkAddress, &zero, sizeof(zero)), 0);
-    EXPECT_EQ(
-        KELNetioConfigurator_getTransportPluginFromAlias(configurator, nullptr, &aliases, worker),
-        plugin);
-
-    // Enabling again changes nothing.
-    EXPECT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_OK);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), 1);
-    DDS_DomainParticipant_delete(participant);
-}
-
-TEST(ParticipantTest, EnableInstallsEveryBuiltinOfTheMask) {
-    struct Row {
-        DDS_TransportBuiltinKind kind;
-        VESK_Transport_ClassId_t classid;
-        const char *alias;
-    };
-    const std::vector<Row> rows = {
-        {DDS_TRANSPORTBUILTIN_UDPv4, VESK_TRANSPORT_CLASSID_UDPv4,
-         DDS_TRANSPORTBUILTIN_UDPv4_ALIAS},
-        {DDS_TRANSPORTBUILTIN_SHMEM, VESK_TRANSPORT_CLASSID_SHMEM,
-         DDS_TRANSPORTBUILTIN_SHMEM_ALIAS},
-        {DDS_TRANSPORTBUILTIN_UDPv6, VESK_TRANSPORT_CLASSID_UDPv6,
-         DDS_TRANSPORTBUILTIN_UDPv6_ALIAS},
-        {DDS_TRANSPORTBUILTIN_UDPv4_WAN, VESK_TRANSPORT_CLASSID_UDPv4_WAN,
-         DDS_TRANSPORTBUILTIN_UDPv4_WAN_ALIAS},
-    };
-    // INTRA has no plugin and is ignored.
-    DDS_DomainParticipant *participant = create(
-        DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_SHMEM | DDS_TRANSPORTBUILTIN_INTRA |
-        DDS_TRANSPORTBUILTIN_UDPv6 | DDS_TRANSPORTBUILTIN_UDPv4_WAN);
-    ASSERT_NE(participant, nullptr);
-    ASSERT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_OK);
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), 4);
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.alias);
-        KELNetioAliasList list{};
-        ASSERT_EQ(KELNetioAliasList_appendFromString(&list, row.alias), 1);
-        VESK_Transport_Plugin *plugin =
-            KELNetioConfigurator_getTransportPluginFromAlias(configurator, nullptr, &list, nullptr);
-        ASSERT_NE(plugin, nullptr);
-        EXPECT_EQ(plugin->property->classid, row.classid);
-    }
-    DDS_DomainParticipant_delete(participant);
-}
-
-TEST(ParticipantTest, EnableWithoutBuiltinsOrConfigurator) {
-    DDS_DomainParticipant *none = create(0);
-    ASSERT_NE(none, nullptr);
-    EXPECT_EQ(DDS_DomainParticipant_enable(none), DDS_RETCODE_OK);
-    EXPECT_EQ(DDS_DomainParticipant_is_enabled(none), 1);
-    DDS_DomainParticipant_delete(none);
-
-    DDS_DomainParticipantOptions options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
-    options.without_netio_configurator = 1;
+    DDS_DomainParticipantOptions options = {0, 3, 0, 1, 1};
     DDS_DomainParticipant *bare = DDS_DomainParticipant_create(&options);
     ASSERT_NE(bare, nullptr);
-    LogCapture log;
-    EXPECT_EQ(DDS_DomainParticipant_enable(bare), DDS_RETCODE_ERROR);
-    EXPECT_EQ(DDS_DomainParticipant_is_enabled(bare), 0);
-    expectSingleLog(log, ENABLE_NAME, "DDS_LOG_GET_FAILURE_s(netio configurator not valid)");
+    EXPECT_EQ(configuratorOf(bare), nullptr);
+    EXPECT_EQ(DDS_DomainParticipant_get_workerI(bare), nullptr);
     DDS_DomainParticipant_delete(bare);
+    options = {0, 3, 0, 0, 0};
+    DDS_DomainParticipant *small = DDS_DomainParticipant_create(&options);
+    EXPECT_EQ(KELNetioConfigurator_getPluginCountMax(configuratorOf(small)), 3);
+    DDS_DomainParticipant_delete(small);
+    EXPECT_EQ(configuratorOf(nullptr), nullptr);
+    EXPECT_EQ(DDS_DomainParticipant_get_workerI(nullptr), nullptr);
+    EXPECT_EQ(DDS_DomainParticipant_is_enabled(nullptr), 0);
 }
 
-TEST(ParticipantTest, EnableRefusalsInstallNothing) {
+TEST(Participant, EnableInstallsEveryBuiltinOfTheMaskUnderItsAlias) {
+    const DDS_TransportBuiltinKindMask all =
+        DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_SHMEM | DDS_TRANSPORTBUILTIN_INTRA |
+        DDS_TRANSPORTBUILTIN_UDPv6 | DDS_TRANSPORTBUILTIN_UDPv4_WAN;
     struct Row {
-        const char *name;
-        DDS_TransportBuiltinKindMask mask;
-        int plugin_count_max;
-        VESK_Transport_ClassId_t fake_classid;  // installed first
-        const char *fake_alias;
-        std::string expected_log;
+        const char *alias;
+        VESK_Transport_ClassId_t classid;
     };
-    const std::vector<Row> rows = {
-        {"builtin alias taken", DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_UDPv6, 0, 0x7000,
-         DDS_TRANSPORTBUILTIN_UDPv6_ALIAS,
-         "DDS_LOG_INSTALL_TRANSPORT_PLUGINS_s(" DDS_TRANSPORTBUILTIN_UDPv6_ALIAS ")"},
-        {"no room", DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_UDPv6, 2, 0x7000, "mine",
-         "KEL_LOG_INSUFFICIENT_SPACE_FAILURE_dd(3|2)"},
-        {"a shared-memory plugin is registered", DDS_TRANSPORTBUILTIN_SHMEM, 0,
-         VESK_TRANSPORT_CLASSID_SHMEM, "my_shmem",
-         "KEL_LOG_ANY_FAILURE_s(Only one shared memory transport is accepted)"},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        DDS_DomainParticipant *participant = create(row.mask, row.plugin_count_max);
-        ASSERT_NE(participant, nullptr);
-        installFake(participant, row.fake_classid, row.fake_alias);
-        const KEL_UINT64 blocks = liveHeapBlocks();
+    const Row builtins[] = {
+        {DDS_TRANSPORTBUILTIN_UDPv4_ALIAS, VESK_TRANSPORT_CLASSID_UDPv4},
+        {DDS_TRANSPORTBUILTIN_SHMEM_ALIAS, VESK_TRANSPORT_CLASSID_SHMEM},
+        {DDS_TRANSPORTBUILTIN_UDPv6_ALIAS, VESK_TRANSPORT_CLASSID_UDPv6},
+        {DDS_TRANSPORTBUILTIN_UDPv4_WAN_ALIAS, VESK_TRANSPORT_CLASSID_UDPv4_WAN}};
+    for (const DDS_TransportBuiltinKindMask mask :
+         {DDS_TransportBuiltinKindMask{0}, DDS_TransportBuiltinKindMask{1}, all}) {
+        SCOPED_TRACE(mask);
+        DDS_DomainParticipant *participant = create(mask);
         LogCapture log;
-        EXPECT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_ERROR);
-        EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 0);
-        EXPECT_EQ(KELNetioConfigurator_getPluginCount(
-                      DDS_DomainParticipant_get_netio_configuratorI(participant)),
-                  1);
-        EXPECT_EQ(liveHeapBlocks(), blocks);
-        expectSingleLog(log, ENABLE_NAME, row.expected_log);
+        ASSERT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_OK);
+        EXPECT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_OK);  // changes nothing
+        EXPECT_EQ(logLines(log), Strings{});
+        const auto *entity = reinterpret_cast<const DDS_Entity *>(participant);
+        EXPECT_NE(entity->_is_enabled(entity), 0);
+        EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 1);
+        KELNetioConfigurator *configurator = configuratorOf(participant);
+        const int expected = mask == all ? 4 : mask == 1 ? 1 : 0;
+        EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), expected);
+        for (int i = 0; i < expected; ++i) {
+            SCOPED_TRACE(builtins[i].alias);
+            KELNetioAliasList list = aliasList(builtins[i].alias), aliases;
+            VESK_Transport_Plugin *plugin = KELNetioConfigurator_getTransportPluginFromAlias(
+                configurator, nullptr, &list, nullptr);
+            ASSERT_NE(plugin, nullptr);
+            EXPECT_EQ(plugin->property->classid, builtins[i].classid);
+            VESK_Transport_Address_t networkAddress;
+            std::memset(&networkAddress, 0xAB, sizeof networkAddress);
+            ASSERT_EQ(KELNetioConfigurator_queryTransportPlugin(
+                          configurator, &aliases, &networkAddress, nullptr, plugin, nullptr),
+                      1);
+            EXPECT_STREQ(aliases.element, builtins[i].alias);
+            EXPECT_EQ(vesk::test::hex(networkAddress), std::string(32, '0'));
+        }
         DDS_DomainParticipant_delete(participant);
     }
 }
 
-TEST(ParticipantTest, EnableReleasesWhatItMadeWhenAConstructorRefuses) {
-    DDS_DomainParticipant *participant =
-        create(DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_UDPv6);
-    ASSERT_NE(participant, nullptr);
-    // The records are taken as they are; the UDPv6 constructor refuses this
-    // one after the UDPv4 plugin has been made.
-    VESK_Transport_UDP_Property_t v6 = VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT;
-    v6.multicast_ttl = 300;
-    ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_UDPv6, &v6.parent),
-              DDS_RETCODE_OK);
-    const KEL_UINT64 before = liveHeapBlocks();
-    LogCapture log;
-    EXPECT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_ERROR);
-    EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 0);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(
-                  DDS_DomainParticipant_get_netio_configuratorI(participant)),
-              0);
-    EXPECT_EQ(liveHeapBlocks(), before);
-    const auto entries = log.entries();
-    ASSERT_FALSE(entries.empty());
-    EXPECT_EQ(entries.back().function, ENABLE_NAME);
-    EXPECT_EQ(summarize(entries.back().template_name, entries.back().params),
-              "KEL_LOG_CREATION_FAILURE_s(" DDS_TRANSPORTBUILTIN_UDPv6_ALIAS ")");
-    DDS_DomainParticipant_delete(participant);
+// A refused enable installs nothing, keeps nothing it made, and says why.
+TEST(Participant, EnableRefusals) {
+    VESK_Transport_UDP_Property_t badV6 = VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT;
+    badV6.parent.deny_interfaces_list_length = -1;  // refused by the UDPv6 constructor
+    const DDS_TransportBuiltinKindMask udp =
+        DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_UDPv6;
+    struct Row {
+        const char *label;
+        DDS_TransportBuiltinKindMask mask;
+        int plugin_count_max, without_configurator;
+        VESK_Transport_ClassId_t fake_classid;  // installed first unless 0
+        const char *fake_alias;
+        Strings expected;
+    };
+    const Row rows[] = {
+        {"no configurator",
+         1,
+         0,
+         1,
+         0,
+         "",
+         {kEnable + "DDS_LOG_GET_FAILURE_s(netio configurator not valid)"}},
+        {"builtin alias taken",
+         udp,
+         0,
+         0,
+         0x7000,
+         DDS_TRANSPORTBUILTIN_UDPv6_ALIAS,
+         {kEnable + "DDS_LOG_INSTALL_TRANSPORT_PLUGINS_s(" DDS_TRANSPORTBUILTIN_UDPv6_ALIAS ")"}},
+        {"no room",
+         udp,
+         2,
+         0,
+         0x7000,
+         "mine",
+         {kEnable + "KEL_LOG_INSUFFICIENT_SPACE_FAILURE_dd(3|2)"}},
+        {"a shared-memory plugin is registered",
+         DDS_TRANSPORTBUILTIN_SHMEM,
+         0,
+         0,
+         VESK_TRANSPORT_CLASSID_SHMEM,
+         "my_shmem",
+         {kEnable + "KEL_LOG_ANY_FAILURE_s(Only one shared memory transport is accepted)"}},
+        {"a constructor refuses",
+         udp,
+         0,
+         0,
+         0,
+         "",
+         {"2 VESK_Transport_UDPv6_newI KEL_LOG_CREATION_FAILURE_s(UDPv6 transport: "
+          "parent.deny_interfaces_list_length is negative)",
+          kEnable + "KEL_LOG_CREATION_FAILURE_s(" DDS_TRANSPORTBUILTIN_UDPv6_ALIAS ")"}}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.label);
+        DDS_DomainParticipant *participant =
+            create(row.mask, row.plugin_count_max, row.without_configurator);
+        if (row.fake_classid != 0) installFake(participant, row.fake_classid, row.fake_alias);
+        ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
+                      participant, DDS_TRANSPORTBUILTIN_UDPv6, &badV6.parent),
+                  DDS_RETCODE_OK);
+        const KEL_UINT64 blocks = liveHeapBlocks();
+        LogCapture log;
+        EXPECT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_ERROR);
+        EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 0);
+        EXPECT_EQ(KELNetioConfigurator_getPluginCount(configuratorOf(participant)),
+                  row.fake_classid != 0 ? 1 : 0);
+        EXPECT_EQ(liveHeapBlocks(), blocks);
+        EXPECT_EQ(logLines(log), row.expected);
+        DDS_DomainParticipant_delete(participant);
+    }
 }
 
-TEST(ParticipantTest, EnableSurvivesEveryAllocationFailure) {
+TEST(Participant, EnableSurvivesEveryAllocationFailure) {
     // Two builtins: a failure while making the second releases the first.
     DDS_DomainParticipant *participant =
         create(DDS_TRANSPORTBUILTIN_UDPv4 | DDS_TRANSPORTBUILTIN_UDPv6);
-    ASSERT_NE(participant, nullptr);
-    KELNetioConfigurator *configurator = DDS_DomainParticipant_get_netio_configuratorI(participant);
     const KEL_UINT64 before = liveHeapBlocks();
-    DDS_ReturnCode_t result = DDS_RETCODE_ERROR;
+    LogCapture log(VESK_CONFIG_LOG_VERBOSITY_SILENT);
     long n = 1;
-    {
-        LogCapture log(VESK_CONFIG_LOG_VERBOSITY_SILENT);
-        for (; n < 500 && result != DDS_RETCODE_OK; ++n) {
-            SCOPED_TRACE("failing allocation " + std::to_string(n));
-            KELOsapiHeap_failAllocationAfter(n);
-            result = DDS_DomainParticipant_enable(participant);
-            if (result != DDS_RETCODE_OK) {
-                EXPECT_EQ(result, DDS_RETCODE_ERROR);
-                EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 0);
-                EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), 0);
-                EXPECT_EQ(liveHeapBlocks(), before);
-            }
-        }
+    for (DDS_ReturnCode_t result = DDS_RETCODE_ERROR; result != DDS_RETCODE_OK; ++n) {
+        ASSERT_LT(n, 500);
+        KELOsapiHeap_failAllocationAfter(n);
+        result = DDS_DomainParticipant_enable(participant);
+        KELOsapiHeap_failAllocationAfter(0);
+        if (result == DDS_RETCODE_OK) break;
+        EXPECT_EQ(result, DDS_RETCODE_ERROR);
+        EXPECT_EQ(DDS_DomainParticipant_is_enabled(participant), 0);
+        EXPECT_EQ(KELNetioConfigurator_getPluginCount(configuratorOf(participant)), 0);
+        EXPECT_EQ(liveHeapBlocks(), before) << n;
     }
-    KELOsapiHeap_failAllocationAfter(0);
-    ASSERT_EQ(result, DDS_RETCODE_OK);
-    EXPECT_GT(n, 3);  // failures in both constructors were exercised
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(configurator), 2);
+    EXPECT_GT(n, 3);
+    EXPECT_EQ(KELNetioConfigurator_getPluginCount(configuratorOf(participant)), 2);
     DDS_DomainParticipant_delete(participant);
-}
-
-// ---------------------------------------------------------------------------
-// Builtin property records
-// ---------------------------------------------------------------------------
-
-// Any int as a kind, without storing it in a variable of the enumeration
-// (which cannot hold values such as 32 in C++).
-DDS_TransportBuiltinKind asKind(int value) {
-    return static_cast<DDS_TransportBuiltinKind>(value);
 }
 
 // Room for the record of any kind, and the generic part of the right one.
@@ -373,274 +252,142 @@ struct AnyRecord {
     }
 };
 
-TEST(ParticipantPropertyTest, GetAndSetPerKind) {
-    struct Row {
-        int kind;  // any int, as a C caller may pass
-        DDS_ReturnCode_t expected;
-        std::string expected_log;  // empty: no message
-        const VESK_Transport_Property_t *default_record;
-    };
+TEST(ParticipantProperty, GetAndSetPerKindAndArgument) {
+    DDS_DomainParticipant *participant = create(0);
+    DDS_DomainParticipant *enabled = create(0);
+    ASSERT_EQ(DDS_DomainParticipant_enable(enabled), DDS_RETCODE_OK);
     const std::string badKind =
         "DDS_LOG_BAD_PARAMETER_s(kind must be exactly one DDS_TransportBuiltinKind)";
-    const std::vector<Row> rows = {
-        {DDS_TRANSPORTBUILTIN_UDPv4, DDS_RETCODE_OK, "",
-         &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT.parent},
-        {DDS_TRANSPORTBUILTIN_UDPv6, DDS_RETCODE_OK, "",
-         &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT.parent},
-        {DDS_TRANSPORTBUILTIN_UDPv4_WAN, DDS_RETCODE_OK, "",
-         &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT.parent},
-        {DDS_TRANSPORTBUILTIN_SHMEM, DDS_RETCODE_OK, "",
-         &VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT.parent},
-        {DDS_TRANSPORTBUILTIN_INTRA, DDS_RETCODE_UNSUPPORTED,
-         "KEL_LOG_ANY_FAILURE_s(the INTRA transport has no property record)", nullptr},
-        {3, DDS_RETCODE_BAD_PARAMETER, badKind, nullptr},
-        {0, DDS_RETCODE_BAD_PARAMETER, badKind, nullptr},
-        {32, DDS_RETCODE_BAD_PARAMETER, badKind, nullptr},
-        {-1, DDS_RETCODE_BAD_PARAMETER, badKind, nullptr},
-    };
-    DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    for (const Row &row : rows) {
-        SCOPED_TRACE("kind " + std::to_string(row.kind));
-        AnyRecord record;
-        std::memset(&record, 0x5A, sizeof(record));
-        AnyRecord untouched = record;
-        {
-            LogCapture log;
-            EXPECT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                          participant, asKind(row.kind), record.of(row.kind)),
-                      row.expected);
-            if (row.expected_log.empty()) {
-                EXPECT_TRUE(log.entries().empty());
-            } else {
-                expectSingleLog(log, GET_NAME, row.expected_log);
-            }
-        }
-        if (row.expected != DDS_RETCODE_OK) {
-            EXPECT_EQ(std::memcmp(&record, &untouched, sizeof(record)), 0);
-        } else {
-            const VESK_Transport_Property_t *got = record.of(row.kind);
-            EXPECT_EQ(got->classid, row.default_record->classid);
-            EXPECT_EQ(got->message_size_max, row.default_record->message_size_max);
-            EXPECT_EQ(got->address_bit_count, row.default_record->address_bit_count);
-            EXPECT_EQ(got->max_interface_count, row.default_record->max_interface_count);
-        }
-
-        // Writing back what was read is accepted for the kinds with a record.
-        LogCapture log;
-        EXPECT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
-                      participant, asKind(row.kind), record.of(row.kind)),
-                  row.expected);
-        if (row.expected_log.empty()) {
-            EXPECT_TRUE(log.entries().empty());
-        } else {
-            expectSingleLog(log, SET_NAME, row.expected_log);
-        }
-    }
-    DDS_DomainParticipant_delete(participant);
-}
-
-TEST(ParticipantPropertyTest, RecordsStartAsTheClassDefaults) {
-    DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    VESK_Transport_UDP_Property_t wan{};
-    ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_UDPv4_WAN, &wan.parent),
-              DDS_RETCODE_OK);
-    const VESK_Transport_UDP_Property_t &wanDefault = VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT;
-    EXPECT_EQ(wan.port_offset, wanDefault.port_offset);
-    EXPECT_EQ(wan.binding_ping_period, wanDefault.binding_ping_period);
-    EXPECT_EQ(wan.protocol_overhead_max, wanDefault.protocol_overhead_max);
-    EXPECT_EQ(wan.send_socket_buffer_size, wanDefault.send_socket_buffer_size);
-    EXPECT_EQ(wan.multicast_enabled, wanDefault.multicast_enabled);
-
-    VESK_Transport_Shmem_Property_t shmem{};
-    ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_SHMEM, &shmem.parent),
-              DDS_RETCODE_OK);
-    const VESK_Transport_Shmem_Property_t &shmemDefault = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
-    EXPECT_EQ(shmem.received_message_count_max, shmemDefault.received_message_count_max);
-    EXPECT_EQ(shmem.receive_buffer_size, shmemDefault.receive_buffer_size);
-    EXPECT_EQ(shmem.udp_debugging_port, shmemDefault.udp_debugging_port);
-    EXPECT_EQ(shmem.majorVersion, shmemDefault.majorVersion);
-    EXPECT_EQ(std::memcmp(&shmem.udp_debugging_address, &shmemDefault.udp_debugging_address,
-                          sizeof(shmem.udp_debugging_address)),
-              0);
-    DDS_DomainParticipant_delete(participant);
-}
-
-TEST(ParticipantPropertyTest, NullArgumentsAreBadParameters) {
-    DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    VESK_Transport_UDP_Property_t record = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT;
+    const std::string intra = "KEL_LOG_ANY_FAILURE_s(the INTRA transport has no property record)";
     struct Row {
-        const char *name;
-        bool set;
         DDS_DomainParticipant *participant;
-        VESK_Transport_Property_t *record;
-        std::string expected_log;
+        int kind;  // any int, as a C caller may pass
+        bool nullRecord;
+        DDS_ReturnCode_t result;
+        std::string message;               // "": none; set says "in" for "inout"
+        VESK_Transport_ClassId_t classid;  // of the record read: the records start as defaults
     };
-    const std::vector<Row> rows = {
-        {"get, null participant", false, nullptr, &record.parent,
-         "DDS_LOG_BAD_PARAMETER_s(self must be non-NULL)"},
-        {"get, null record", false, participant, nullptr,
-         "DDS_LOG_BAD_PARAMETER_s(property_inout must be non-NULL)"},
-        {"set, null participant", true, nullptr, &record.parent,
-         "DDS_LOG_BAD_PARAMETER_s(self must be non-NULL)"},
-        {"set, null record", true, participant, nullptr,
-         "DDS_LOG_BAD_PARAMETER_s(property_in must be non-NULL)"},
+    const DDS_ReturnCode_t bad = DDS_RETCODE_BAD_PARAMETER;
+    const Row rows[] = {
+        {participant, 1, false, DDS_RETCODE_OK, "", 1},
+        {participant, 8, false, DDS_RETCODE_OK, "", 2},
+        {participant, 16, false, DDS_RETCODE_OK, "", 0x01000001},
+        {participant, 2, false, DDS_RETCODE_OK, "", 0x01000000},
+        {participant, 4, false, DDS_RETCODE_UNSUPPORTED, intra, 0},
+        {participant, 3, false, bad, badKind, 0},
+        {participant, 0, false, bad, badKind, 0},
+        {participant, 32, false, bad, badKind, 0},
+        {participant, -1, false, bad, badKind, 0},
+        {nullptr, 1, false, bad, "DDS_LOG_BAD_PARAMETER_s(self must be non-NULL)", 0},
+        {participant, 1, true, bad, "DDS_LOG_BAD_PARAMETER_s(property_inout must be non-NULL)", 0},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(testing::Message() << "kind " << row.kind << (row.nullRecord ? " null" : ""));
+        AnyRecord record;
+        std::memset(&record, 0x5A, sizeof record);
+        const AnyRecord untouched = record;
+        VESK_Transport_Property_t *property = row.nullRecord ? nullptr : record.of(row.kind);
+        const auto kind = static_cast<DDS_TransportBuiltinKind>(row.kind);
+        std::string setMessage = row.message;
+        if (row.nullRecord) setMessage.replace(setMessage.find("inout"), 5, "in");
         LogCapture log;
-        const DDS_ReturnCode_t result =
-            row.set ? DDS_DomainParticipant_set_builtin_transport_property(
-                          row.participant, DDS_TRANSPORTBUILTIN_UDPv4, row.record)
-                    : DDS_DomainParticipant_get_builtin_transport_property(
-                          row.participant, DDS_TRANSPORTBUILTIN_UDPv4, row.record);
-        EXPECT_EQ(result, DDS_RETCODE_BAD_PARAMETER);
-        expectSingleLog(log, row.set ? SET_NAME : GET_NAME, row.expected_log);
+        EXPECT_EQ(
+            DDS_DomainParticipant_get_builtin_transport_property(row.participant, kind, property),
+            row.result);
+        if (row.classid == 0) {
+            EXPECT_EQ(std::memcmp(&record, &untouched, sizeof record), 0);
+        } else {
+            EXPECT_EQ(property->classid, row.classid);
+        }
+        // Writing back what was read is accepted for the kinds with a record.
+        EXPECT_EQ(
+            DDS_DomainParticipant_set_builtin_transport_property(row.participant, kind, property),
+            row.result);
+        const Strings expected = {kGet + row.message, kSet + setMessage};
+        EXPECT_EQ(logLines(log), row.message.empty() ? Strings{} : expected);
     }
-    DDS_DomainParticipant_delete(participant);
-}
-
-TEST(ParticipantPropertyTest, SetOnAnEnabledParticipantIsRefused) {
-    DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    ASSERT_EQ(DDS_DomainParticipant_enable(participant), DDS_RETCODE_OK);
-    VESK_Transport_UDP_Property_t record = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT;
-    record.parent.message_size_max = 1234;
-    {
-        LogCapture log;
-        EXPECT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
-                      participant, DDS_TRANSPORTBUILTIN_UDPv4, &record.parent),
-                  DDS_RETCODE_PRECONDITION_NOT_MET);
-        expectSingleLog(log, SET_NAME, "DDS_LOG_PARTICIPANT_ENABLED_ERROR()");
-    }
-    // Reading still works and shows the old record.
-    VESK_Transport_UDP_Property_t read{};
+    AnyRecord record{};
+    LogCapture log;
     EXPECT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_UDPv4, &read.parent),
+                  enabled, DDS_TRANSPORTBUILTIN_UDPv4, &record.udp.parent),
               DDS_RETCODE_OK);
-    EXPECT_EQ(read.parent.message_size_max,
-              VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT.parent.message_size_max);
+    EXPECT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
+                  enabled, DDS_TRANSPORTBUILTIN_UDPv4, &record.udp.parent),
+              DDS_RETCODE_PRECONDITION_NOT_MET);
+    EXPECT_EQ(logLines(log), Strings{kSet + "DDS_LOG_PARTICIPANT_ENABLED_ERROR()"});
+    DDS_DomainParticipant_delete(enabled);
     DDS_DomainParticipant_delete(participant);
 }
 
-// A UDP record whose every owned member is set, owned by the test.
-VESK_Transport_UDP_Property_t ownedUdpRecord(const VESK_Transport_UDP_Property_t &base) {
+// A record whose every owned member is set, owned by the test.
+VESK_Transport_UDP_Property_t ownedUdpRecord(const VESK_Transport_UDP_Property_t &base,
+                                             KEL_INT32 size) {
     VESK_Transport_UDP_Property_t record = base;
-    record.parent.message_size_max = 9000;
+    record.parent.message_size_max = size;
     record.parent.allow_interfaces_list = newList({"eth0", "eth1"});
     record.parent.allow_interfaces_list_length = 2;
     record.parent.deny_multicast_interfaces_list = newList({"lo"});
     record.parent.deny_multicast_interfaces_list_length = 1;
     record.parent.thread_name_prefix = DDS_String_dup("myTr");
-    record.send_socket_buffer_size = 4096;
     record.public_address = DDS_String_dup("203.0.113.7");
     EXPECT_TRUE(KELOsapiHeap_allocateArray(&record.comm_ports_list, 2,
                                            VESK_Transport_UDP_WAN_CommPortsMappingInfo));
-    record.comm_ports_list[0] = {7400, 7400, 17400, 0};
     record.comm_ports_list[1] = {7401, 7401, 17401, 0};
     record.comm_ports_list_length = 2;
     return record;
 }
 
-TEST(ParticipantPropertyTest, SetDeepCopiesAndGetReturnsTheNewValues) {
-    struct Row {
-        DDS_TransportBuiltinKind kind;
-        const VESK_Transport_UDP_Property_t *base;
-    };
-    const std::vector<Row> rows = {
-        {DDS_TRANSPORTBUILTIN_UDPv4, &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT},
-        {DDS_TRANSPORTBUILTIN_UDPv6, &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT},
-        {DDS_TRANSPORTBUILTIN_UDPv4_WAN, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT},
-    };
-    DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    for (const Row &row : rows) {
-        SCOPED_TRACE("kind " + std::to_string(static_cast<int>(row.kind)));
-        VESK_Transport_UDP_Property_t mine = ownedUdpRecord(*row.base);
-        ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(participant, row.kind,
-                                                                       &mine.parent),
-                  DDS_RETCODE_OK);
-        // The caller's storage can go at once.
-        VESK_Transport_UDP_Property_finalize(&mine);
-
-        VESK_Transport_UDP_Property_t got{};
-        ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(participant, row.kind,
-                                                                       &got.parent),
-                  DDS_RETCODE_OK);
-        EXPECT_EQ(got.parent.classid, row.base->parent.classid);
-        EXPECT_EQ(got.parent.message_size_max, 9000);
-        EXPECT_EQ(got.send_socket_buffer_size, 4096);
-        ASSERT_EQ(got.parent.allow_interfaces_list_length, 2);
-        EXPECT_STREQ(got.parent.allow_interfaces_list[0], "eth0");
-        EXPECT_STREQ(got.parent.allow_interfaces_list[1], "eth1");
-        ASSERT_EQ(got.parent.deny_multicast_interfaces_list_length, 1);
-        EXPECT_STREQ(got.parent.deny_multicast_interfaces_list[0], "lo");
-        EXPECT_STREQ(got.parent.thread_name_prefix, "myTr");
-        EXPECT_STREQ(got.public_address, "203.0.113.7");
-        ASSERT_EQ(got.comm_ports_list_length, 2);
-        EXPECT_EQ(got.comm_ports_list[1].public_port, 17401);
-
-        // A record read with get can be written back as it is; the other
-        // kinds keep their records.
-        got.parent.message_size_max = 8000;
-        ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(participant, row.kind,
-                                                                       &got.parent),
-                  DDS_RETCODE_OK);
-        VESK_Transport_UDP_Property_t again{};
-        ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(participant, row.kind,
-                                                                       &again.parent),
-                  DDS_RETCODE_OK);
-        EXPECT_EQ(again.parent.message_size_max, 8000);
-        EXPECT_STREQ(again.parent.allow_interfaces_list[1], "eth1");
-        EXPECT_STREQ(again.public_address, "203.0.113.7");
+// "size allow deny-multicast prefix public port" of the stored record.
+std::string stored(DDS_DomainParticipant *participant, DDS_TransportBuiltinKind kind) {
+    VESK_Transport_UDP_Property_t got{};
+    if (DDS_DomainParticipant_get_builtin_transport_property(participant, kind, &got.parent) !=
+        DDS_RETCODE_OK) {
+        return "get failed";
     }
-    VESK_Transport_UDP_Property_t v4{};
-    ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_UDPv4, &v4.parent),
-              DDS_RETCODE_OK);
-    EXPECT_EQ(v4.parent.classid, VESK_TRANSPORT_CLASSID_UDPv4);
-
-    // Shared memory.
-    VESK_Transport_Shmem_Property_t shmem = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
-    shmem.received_message_count_max = 77;
-    shmem.parent.thread_name_prefix = DDS_String_dup("shm");
-    shmem.parent.allow_interfaces_list = newList({"shm0"});
-    shmem.parent.allow_interfaces_list_length = 1;
-    ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_SHMEM, &shmem.parent),
-              DDS_RETCODE_OK);
-    VESK_Transport_Shmem_Property_finalize(&shmem);
-    VESK_Transport_Shmem_Property_t gotShmem{};
-    ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_SHMEM, &gotShmem.parent),
-              DDS_RETCODE_OK);
-    EXPECT_EQ(gotShmem.received_message_count_max, 77);
-    EXPECT_STREQ(gotShmem.parent.thread_name_prefix, "shm");
-    ASSERT_EQ(gotShmem.parent.allow_interfaces_list_length, 1);
-    EXPECT_STREQ(gotShmem.parent.allow_interfaces_list[0], "shm0");
-    DDS_DomainParticipant_delete(participant);
+    const VESK_Transport_Property_t &p = got.parent;
+    if (p.allow_interfaces_list_length != 2 || p.deny_multicast_interfaces_list_length != 1 ||
+        got.comm_ports_list_length != 2) {
+        return std::to_string(p.message_size_max) + " without the lists";
+    }
+    return std::to_string(p.message_size_max) + " " + p.allow_interfaces_list[0] + "," +
+           p.allow_interfaces_list[1] + " " + p.deny_multicast_interfaces_list[0] + " " +
+           p.thread_name_prefix + " " + got.public_address + " " +
+           std::to_string(got.comm_ports_list[1].public_port);
 }
 
-TEST(ParticipantPropertyTest, SetOutOfMemoryKeepsTheOldRecord) {
+TEST(ParticipantProperty, SetDeepCopiesAndKeepsTheOldRecordWhenMemoryRunsOut) {
     DDS_DomainParticipant *participant = create(0);
-    ASSERT_NE(participant, nullptr);
-    VESK_Transport_UDP_Property_t old = ownedUdpRecord(VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT);
-    ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_UDPv4, &old.parent),
-              DDS_RETCODE_OK);
-    VESK_Transport_UDP_Property_finalize(&old);
+    const std::pair<DDS_TransportBuiltinKind, const VESK_Transport_UDP_Property_t *> kinds[] = {
+        {DDS_TRANSPORTBUILTIN_UDPv4, &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT},
+        {DDS_TRANSPORTBUILTIN_UDPv6, &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT},
+        {DDS_TRANSPORTBUILTIN_UDPv4_WAN, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT}};
+    for (const auto &[kind, defaults] : kinds) {
+        SCOPED_TRACE(kind);
+        VESK_Transport_UDP_Property_t mine = ownedUdpRecord(*defaults, 9000);
+        ASSERT_EQ(
+            DDS_DomainParticipant_set_builtin_transport_property(participant, kind, &mine.parent),
+            DDS_RETCODE_OK);
+        VESK_Transport_UDP_Property_finalize(&mine);  // the caller's storage can go at once
+        EXPECT_EQ(stored(participant, kind), "9000 eth0,eth1 lo myTr 203.0.113.7 17401");
+        // A record read with get can be written back as it is.
+        VESK_Transport_UDP_Property_t got{};
+        DDS_DomainParticipant_get_builtin_transport_property(participant, kind, &got.parent);
+        EXPECT_EQ(got.parent.classid, defaults->parent.classid);
+        got.parent.message_size_max = 8000;
+        ASSERT_EQ(
+            DDS_DomainParticipant_set_builtin_transport_property(participant, kind, &got.parent),
+            DDS_RETCODE_OK);
+        EXPECT_EQ(stored(participant, kind), "8000 eth0,eth1 lo myTr 203.0.113.7 17401");
+    }
+    EXPECT_EQ(stored(participant, DDS_TRANSPORTBUILTIN_UDPv4),
+              "8000 eth0,eth1 lo myTr 203.0.113.7 17401");  // each kind keeps its own
 
-    VESK_Transport_UDP_Property_t mine = ownedUdpRecord(VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT);
-    mine.parent.message_size_max = 1111;
+    VESK_Transport_UDP_Property_t mine =
+        ownedUdpRecord(VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, 1111);
     const KEL_UINT64 before = liveHeapBlocks();
-    DDS_ReturnCode_t result = DDS_RETCODE_ERROR;
     long n = 1;
-    for (; n < 100 && result != DDS_RETCODE_OK; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
+    for (DDS_ReturnCode_t result = DDS_RETCODE_ERROR;; ++n) {
+        ASSERT_LT(n, 100);
         LogCapture log;
         KELOsapiHeap_failAllocationAfter(n);
         result = DDS_DomainParticipant_set_builtin_transport_property(
@@ -648,66 +395,58 @@ TEST(ParticipantPropertyTest, SetOutOfMemoryKeepsTheOldRecord) {
         KELOsapiHeap_failAllocationAfter(0);
         if (result == DDS_RETCODE_OK) break;
         EXPECT_EQ(result, DDS_RETCODE_OUT_OF_RESOURCES);
-        EXPECT_EQ(liveHeapBlocks(), before);
-        expectSingleLog(log, SET_NAME, "DDS_LOG_OUT_OF_RESOURCES_s(builtin transport property)");
-        VESK_Transport_UDP_Property_t got{};
-        ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                      participant, DDS_TRANSPORTBUILTIN_UDPv4, &got.parent),
-                  DDS_RETCODE_OK);
-        EXPECT_EQ(got.parent.message_size_max, 9000);
-        EXPECT_STREQ(got.parent.thread_name_prefix, "myTr");
+        EXPECT_EQ(liveHeapBlocks(), before) << n;
+        EXPECT_EQ(logLines(log),
+                  Strings{kSet + "DDS_LOG_OUT_OF_RESOURCES_s(builtin transport property)"});
+        EXPECT_EQ(stored(participant, DDS_TRANSPORTBUILTIN_UDPv4),
+                  "8000 eth0,eth1 lo myTr 203.0.113.7 17401");
     }
-    ASSERT_EQ(result, DDS_RETCODE_OK);
-    EXPECT_GT(n, 5);  // lists, strings and port mappings were all exercised
+    EXPECT_EQ(n, 9);  // two lists (5 blocks), the prefix, the address, the port mappings
     VESK_Transport_UDP_Property_finalize(&mine);
-    VESK_Transport_UDP_Property_t got{};
-    ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
-                  participant, DDS_TRANSPORTBUILTIN_UDPv4, &got.parent),
+    EXPECT_EQ(stored(participant, DDS_TRANSPORTBUILTIN_UDPv4),
+              "1111 eth0,eth1 lo myTr 203.0.113.7 17401");
+
+    VESK_Transport_Shmem_Property_t shmem = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
+    shmem.received_message_count_max = 77;
+    shmem.parent.thread_name_prefix = DDS_String_dup("shm");
+    LogCapture quiet(VESK_CONFIG_LOG_VERBOSITY_SILENT);
+    KELOsapiHeap_failAllocationAfter(1);
+    EXPECT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
+                  participant, DDS_TRANSPORTBUILTIN_SHMEM, &shmem.parent),
+              DDS_RETCODE_OUT_OF_RESOURCES);
+    KELOsapiHeap_failAllocationAfter(0);
+    ASSERT_EQ(DDS_DomainParticipant_set_builtin_transport_property(
+                  participant, DDS_TRANSPORTBUILTIN_SHMEM, &shmem.parent),
               DDS_RETCODE_OK);
-    EXPECT_EQ(got.parent.message_size_max, 1111);
+    VESK_Transport_Shmem_Property_finalize(&shmem);
+    VESK_Transport_Shmem_Property_t got{};
+    ASSERT_EQ(DDS_DomainParticipant_get_builtin_transport_property(
+                  participant, DDS_TRANSPORTBUILTIN_SHMEM, &got.parent),
+              DDS_RETCODE_OK);
+    EXPECT_EQ(got.received_message_count_max, 77);
+    EXPECT_STREQ(got.parent.thread_name_prefix, "shm");
     DDS_DomainParticipant_delete(participant);
 }
 
-// ---------------------------------------------------------------------------
-// Alias conversions
-// ---------------------------------------------------------------------------
-
-TEST(AliasConversionTest, FromStringSeq) {
-    const std::string a64(64, 'a');
-    const std::string b63(63, 'b');
-    const std::string b64(64, 'b');
-    const std::string c128(128, 'c');
-    const std::string c129(129, 'c');
+TEST(AliasConversion, FromStringSeqTakesWholeAliasesOrNothing) {
+    const std::string c129(129, 'c');  // the list is built aside: a refusal leaves it alone
     struct Row {
-        const char *name;
         std::vector<const char *> aliases;
-        DDS_ReturnCode_t expected;
-        std::string text;  // on success
+        std::string text;  // "previous": refused, list untouched
     };
-    const std::vector<Row> rows = {
-        {"empty sequence", {}, DDS_RETCODE_OK, ""},
-        {"one alias", {"udp"}, DDS_RETCODE_OK, "udp"},
-        {"three aliases", {"udp", "shmem", "x"}, DDS_RETCODE_OK, "udp,shmem,x"},
-        {"one alias of 128", {c128.c_str()}, DDS_RETCODE_OK, c128},
-        {"two aliases of 128 in all", {a64.c_str(), b63.c_str()}, DDS_RETCODE_OK, a64 + "," + b63},
-        {"one alias of 129", {c129.c_str()}, DDS_RETCODE_BAD_PARAMETER, ""},
-        {"two aliases of 129 in all", {a64.c_str(), b64.c_str()}, DDS_RETCODE_BAD_PARAMETER, ""},
-        {"empty alias", {"udp", ""}, DDS_RETCODE_BAD_PARAMETER, ""},
-        {"null alias", {nullptr}, DDS_RETCODE_BAD_PARAMETER, ""},
-        {"alias with a comma", {"a,b"}, DDS_RETCODE_BAD_PARAMETER, ""},
-    };
+    const Row rows[] = {{{}, ""},
+                        {{"udp", "shmem", "x"}, "udp,shmem,x"},
+                        {{c129.c_str()}, "previous"},
+                        {{nullptr}, "previous"},
+                        {{"a,b"}, "previous"}};
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.text);
         DDS_StringSeq seq = DDS_SEQUENCE_INITIALIZER;
         for (const char *alias : row.aliases) ASSERT_TRUE(DDS_StringSeq_append(&seq, alias));
-        KELNetioAliasList list;
-        std::memset(&list, 0, sizeof(list));
-        std::strcpy(list.element, "previous");
+        KELNetioAliasList list = aliasList("previous");
         EXPECT_EQ(DDS_TransportSelectionQosPolicy_AliasList_from_StringSeq(&list, &seq),
-                  row.expected);
-        // Refused lists are left alone, never truncated.
-        EXPECT_EQ(std::string(list.element),
-                  row.expected == DDS_RETCODE_OK ? row.text : std::string("previous"));
+                  row.text == "previous" ? DDS_RETCODE_BAD_PARAMETER : DDS_RETCODE_OK);
+        EXPECT_EQ(std::string(list.element), row.text);
         DDS_StringSeq_finalize(&seq);
     }
     DDS_StringSeq seq = DDS_SEQUENCE_INITIALIZER;
@@ -718,80 +457,41 @@ TEST(AliasConversionTest, FromStringSeq) {
               DDS_RETCODE_BAD_PARAMETER);
 }
 
-TEST(AliasConversionTest, ToStringSeq) {
-    struct Row {
-        std::string text;
-        std::vector<std::string> aliases;
-    };
-    const std::vector<Row> rows = {
-        {"", {}},
-        {"udp", {"udp"}},
-        {"udp,shmem,x", {"udp", "shmem", "x"}},
-        {std::string(128, 'c'), {std::string(128, 'c')}},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.text);
-        KELNetioAliasList list{};
-        std::memcpy(list.element, row.text.data(), row.text.size());
-        DDS_StringSeq seq = DDS_SEQUENCE_INITIALIZER;
-        ASSERT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(&seq, &list),
-                  DDS_RETCODE_OK);
-        ASSERT_EQ(DDS_StringSeq_get_length(&seq), static_cast<DDS_Long>(row.aliases.size()));
-        for (size_t i = 0; i < row.aliases.size(); ++i) {
-            EXPECT_EQ(std::string(DDS_StringSeq_get(&seq, static_cast<DDS_Long>(i))),
-                      row.aliases[i]);
-        }
-        DDS_StringSeq_finalize(&seq);
-    }
-
-    KELNetioAliasList list{};
-    std::strcpy(list.element, "a,b");
+TEST(AliasConversion, ToStringSeqSplitsIntoAnEmptyOwningSequence) {
+    KELNetioAliasList unterminated;  // never read past its storage
+    std::memset(&unterminated, 'x', sizeof unterminated);
+    const KELNetioAliasList three = aliasList("udp,shmem,x"), empty = aliasList("");
+    const KELNetioAliasList longest = aliasList(std::string(128, 'c').c_str());
     DDS_StringSeq full = DDS_SEQUENCE_INITIALIZER;
     ASSERT_TRUE(DDS_StringSeq_append(&full, "x"));
-    EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(&full, &list),
-              DDS_RETCODE_BAD_PARAMETER);
-    EXPECT_EQ(DDS_StringSeq_get_length(&full), 1);
-    DDS_StringSeq_finalize(&full);
     DDS_StringSeq borrowed = {nullptr, 0, 0, DDS_BOOLEAN_FALSE};
-    EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(&borrowed, &list),
-              DDS_RETCODE_BAD_PARAMETER);
-    DDS_StringSeq seq = DDS_SEQUENCE_INITIALIZER;
-    EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(nullptr, &list),
-              DDS_RETCODE_BAD_PARAMETER);
-    EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(&seq, nullptr),
-              DDS_RETCODE_BAD_PARAMETER);
-    // A list that is not terminated within its storage is not read past it.
-    KELNetioAliasList unterminated;
-    std::memset(&unterminated, 'x', sizeof(unterminated));
-    EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(&seq, &unterminated),
-              DDS_RETCODE_BAD_PARAMETER);
-    EXPECT_EQ(DDS_StringSeq_get_length(&seq), 0);
-}
-
-TEST(AliasConversionTest, ToStringSeqOutOfMemoryLeavesTheSequenceEmpty) {
-    KELNetioAliasList list{};
-    std::strcpy(list.element, "udp,shmem,x");
-    const KEL_UINT64 before = liveHeapBlocks();
-    DDS_ReturnCode_t result = DDS_RETCODE_ERROR;
-    long n = 1;
-    for (; n < 50 && result != DDS_RETCODE_OK; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
-        DDS_StringSeq seq = DDS_SEQUENCE_INITIALIZER;
-        KELOsapiHeap_failAllocationAfter(n);
-        result = DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(&seq, &list);
-        KELOsapiHeap_failAllocationAfter(0);
-        if (result == DDS_RETCODE_OK) {
-            EXPECT_EQ(DDS_StringSeq_get_length(&seq), 3);
-            DDS_StringSeq_finalize(&seq);
-        } else {
-            EXPECT_EQ(result, DDS_RETCODE_OUT_OF_RESOURCES);
-            EXPECT_EQ(DDS_StringSeq_get_length(&seq), 0);
-            EXPECT_EQ(liveHeapBlocks(), before);
-        }
+    struct Row {
+        DDS_StringSeq *seq;  // nullptr: a fresh empty one
+        const KELNetioAliasList *list;
+        DDS_ReturnCode_t expected;
+        Strings aliases;
+    };
+    const Row rows[] = {{nullptr, &three, DDS_RETCODE_OK, {"udp", "shmem", "x"}},
+                        {nullptr, &empty, DDS_RETCODE_OK, {}},
+                        {nullptr, &longest, DDS_RETCODE_OK, {std::string(128, 'c')}},
+                        {nullptr, &unterminated, DDS_RETCODE_BAD_PARAMETER, {}},
+                        {nullptr, nullptr, DDS_RETCODE_BAD_PARAMETER, {}},
+                        {&full, &three, DDS_RETCODE_BAD_PARAMETER, {"x"}},
+                        {&borrowed, &three, DDS_RETCODE_BAD_PARAMETER, {}}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.list ? std::string(row.list->element, 10) : "(null)");
+        DDS_StringSeq fresh = DDS_SEQUENCE_INITIALIZER;
+        DDS_StringSeq *seq = row.seq ? row.seq : &fresh;
+        EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(seq, row.list),
+                  row.expected);
+        Strings got;
+        for (DDS_Long i = 0; i < seq->_length; ++i) got.emplace_back(DDS_StringSeq_get(seq, i));
+        EXPECT_EQ(got, row.aliases);
+        DDS_StringSeq_finalize(&fresh);
     }
-    EXPECT_EQ(result, DDS_RETCODE_OK);
-    EXPECT_GT(n, 2);
-    EXPECT_EQ(liveHeapBlocks(), before);
+    EXPECT_EQ(DDS_TransportSelectionQosPolicy_StringSeq_from_AliasList(nullptr, &three),
+              DDS_RETCODE_BAD_PARAMETER);
+    DDS_StringSeq_finalize(&full);
 }
 
 }  // namespace

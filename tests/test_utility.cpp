@@ -1,364 +1,205 @@
-// String and number utilities: strict conversions, trimming, bounded
-// copies and comparisons.
+// Texts to values: strict number conversions, booleans, trimming, bounded
+// copies and comparisons; address texts and host names (resolved only from
+// a hosts file inside a namespace of the test's own); the JSON reader.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "support/TestSupport.hpp"
+#include "support/Isolated.hpp"
+#include "support/PlatformChecks.hpp"
+#include "vesk_transport/platform/Json.h"
+#include "vesk_transport/platform/SocketUtil.h"
 #include "vesk_transport/platform/Utility.h"
 
 namespace {
 
-constexpr KEL_INT32 kUntouched = 0x5A5A5A5A;
-constexpr KEL_UINT32 kUntouchedU = 0xA5A5A5A5u;
+using vesk::test::hex;
 
+constexpr KEL_INT32 kUntouched = 0x5A5A5A5A;
+
+// What strtolWithBase reads with an end pointer, and from that what every
+// whole-text conversion gives.
 struct SignedRow {
     const char *text;
-    bool ok;
-    KEL_INT32 value;
+    int base;
+    KEL_INT64 value;
+    size_t consumed;  // characters read; 0: refused
 };
 
-const std::vector<SignedRow> kSignedRows = {
-    {"0", true, 0},
-    {"1", true, 1},
-    {"-1", true, -1},
-    {"+1", true, 1},
-    {"-0", true, 0},
-    {"+0", true, 0},
-    {"007", true, 7},
-    {"2147483647", true, INT32_MAX},
-    {"-2147483648", true, INT32_MIN},
-    {"2147483648", false, 0},
-    {"-2147483649", false, 0},
-    {"4294967295", false, 0},
-    {"99999999999999999999999", false, 0},
-    {"0x0", true, 0},
-    {"0x10", true, 16},
-    {"0XfF", true, 255},
-    {"0x7fffffff", true, INT32_MAX},
-    {"0x80000000", false, 0},
-    {"-0x80000000", true, INT32_MIN},
-    {"-0x80000001", false, 0},
-    {"+0x1A", true, 26},
-    {"0xffffffff", false, 0},
-    {"", false, 0},
-    {"+", false, 0},
-    {"-", false, 0},
-    {"0x", false, 0},
-    {"-0x", false, 0},
-    {"0xg", false, 0},
-    {" 1", false, 0},
-    {"1 ", false, 0},
-    {"\t1", false, 0},
-    {"1\n", false, 0},
-    {"1 2", false, 0},
-    {"+-1", false, 0},
-    {"--1", false, 0},
-    {"1e3", false, 0},
-    {"1.0", false, 0},
-    {"12abc", false, 0},
-    {"abc", false, 0},
-    {"ff", false, 0},
-    {"0b101", false, 0},
-    {"{\"a\":1}", false, 0},
-    {"[1]", false, 0},
-    {"\"1\"", false, 0},
-    {"x10", false, 0},
-};
-
-TEST(Utility, StrtolAcceptsExactlyOneSignedNumber) {
-    for (const auto &row : kSignedRows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\"");
-        KEL_INT32 value = kUntouched;
-        EXPECT_EQ(KELOsapiUtility_strtol(row.text, &value), row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : kUntouched);
-    }
-}
-
-TEST(Utility, StrtolWithBaseZeroAndNoEndIsStrtol) {
-    for (const auto &row : kSignedRows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\"");
-        KEL_INT32 value = kUntouched;
-        EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, 0, nullptr), row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : kUntouched);
-    }
-}
-
-struct UnsignedRow {
-    const char *text;
-    bool ok;
-    KEL_UINT32 value;
-};
-
-const std::vector<UnsignedRow> kUnsignedRows = {
-    {"0", true, 0},
-    {"+0", true, 0},
-    {"1", true, 1},
-    {"+17", true, 17},
-    {"2147483648", true, 0x80000000u},
-    {"4294967295", true, UINT32_MAX},
-    {"4294967296", false, 0},
-    {"18446744073709551616", false, 0},
-    {"0xffffffff", true, UINT32_MAX},
-    {"0x100000000", false, 0},
-    {"0XABCDEF01", true, 0xABCDEF01u},
-    {"-0", false, 0},
-    {"-1", false, 0},
-    {"-0x1", false, 0},
-    {"", false, 0},
-    {"+", false, 0},
-    {"0x", false, 0},
-    {" 1", false, 0},
-    {"1 ", false, 0},
-    {"1e3", false, 0},
-    {"1,000", false, 0},
-    {"{\"a\":1}", false, 0},
-};
-
-TEST(Utility, UnsignedConversionsAcceptOnlyPlusAndTheFullRange) {
-    for (const auto &row : kUnsignedRows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\"");
-        KEL_UINT32 value = kUntouchedU;
-        EXPECT_EQ(KELOsapiUtility_strtoul(row.text, &value), row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : kUntouchedU);
-        value = kUntouchedU;
-        EXPECT_EQ(REDAString_strToUnsignedLong(row.text, &value), row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : kUntouchedU);
-    }
-}
-
-TEST(Utility, NullArgumentsFailEveryConversion) {
-    KEL_INT32 value = kUntouched;
-    KEL_UINT32 valueU = kUntouchedU;
-    void *pointer = &value;
-    int flag = 7;
-    EXPECT_EQ(KELOsapiUtility_strtol(nullptr, &value), 0);
-    EXPECT_EQ(KELOsapiUtility_strtol("1", nullptr), 0);
-    EXPECT_EQ(KELOsapiUtility_strtoul(nullptr, &valueU), 0);
-    EXPECT_EQ(KELOsapiUtility_strtoul("1", nullptr), 0);
-    EXPECT_EQ(KELOsapiUtility_strtolWithBase(nullptr, &value, 0, nullptr), 0);
-    EXPECT_EQ(KELOsapiUtility_strtolWithBase("1", nullptr, 0, nullptr), 0);
-    EXPECT_EQ(KELOsapiUtility_strtoptr(nullptr, &pointer), 0);
-    EXPECT_EQ(KELOsapiUtility_strtoptr("1", nullptr), 0);
-    EXPECT_EQ(REDAString_strToUnsignedLong(nullptr, &valueU), 0);
-    EXPECT_EQ(REDAString_strToBoolean(nullptr, &flag), 0);
-    EXPECT_EQ(REDAString_strToBoolean("true", nullptr), 0);
-    EXPECT_EQ(value, kUntouched);
-    EXPECT_EQ(valueU, kUntouchedU);
-    EXPECT_EQ(pointer, &value);
-    EXPECT_EQ(flag, 7);
-}
-
-TEST(Utility, StrtolWithBaseReadsDigitsOfThatBaseOnly) {
-    struct Row {
-        const char *text;
-        int base;
-        bool ok;
-        KEL_INT32 value;
+TEST(Utility, SignedNumbersAreReadStrictly) {
+    const SignedRow rows[] = {
+        {"0", 0, 0, 1},
+        {"-1", 0, -1, 2},
+        {"+1", 0, 1, 2},
+        {"010", 0, 10, 3},
+        {"2147483647", 0, 2147483647, 10},
+        {"-2147483648", 0, -2147483648, 11},
+        {"2147483648", 0, 0, 0},
+        {"-2147483649", 0, 0, 0},
+        {"99999999999999999999", 0, 0, 0},
+        {"0x10", 0, 16, 4},
+        {"0XfF", 0, 255, 4},
+        {"0xaz", 0, 10, 3},
+        {"0x80000000", 0, 0, 0},
+        {"-0x80000000", 0, -2147483648, 11},
+        {"0x", 0, 0, 1},
+        {"", 0, 0, 0},
+        {"+", 0, 0, 0},
+        {"+-1", 0, 0, 0},
+        {" 1", 0, 0, 0},
+        {"1 ", 0, 1, 1},
+        {"12abc", 0, 12, 2},
+        {"ff", 0, 0, 0},
+        {"101", 2, 5, 3},
+        {"1010102", 2, 42, 6},
+        {"8", 8, 0, 0},
+        {"Ff", 16, 255, 2},
+        {"0xff", 16, 0, 1},
+        {"-80000000", 16, -2147483648, 9},
+        {"Zz", 36, 35 * 36 + 35, 2},
+        {"zzzzzzz", 36, 0, 0},
+        {"1", 1, 0, 0},
+        {"1", 37, 0, 0},
+        {"1", -1, 0, 0},
     };
-    const Row rows[] = {
-        {"101", 2, true, 5},
-        {"-101", 2, true, -5},
-        {"102", 2, false, 0},
-        {"777", 8, true, 511},
-        {"8", 8, false, 0},
-        {"ff", 16, true, 255},
-        {"FF", 16, true, 255},
-        {"0xff", 16, false, 0},  // no prefix outside base 0
-        {"7fffffff", 16, true, INT32_MAX},
-        {"80000000", 16, false, 0},
-        {"-80000000", 16, true, INT32_MIN},
-        {"z", 36, true, 35},
-        {"Zz", 36, true, 35 * 36 + 35},
-        {"zzzzzzz", 36, false, 0},
-        {"+9", 10, true, 9},
-        {"", 10, false, 0},
-        {"-", 10, false, 0},
-        {"1", 1, false, 0},
-        {"1", 37, false, 0},
-        {"1", -1, false, 0},
-        {"0x10", 0, true, 16},
-        {"010", 0, true, 10},  // base 0 reads a leading zero as decimal
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\" base " << row.base);
-        KEL_INT32 value = kUntouched;
-        EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, row.base, nullptr),
-                  row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : kUntouched);
-    }
-}
-
-TEST(Utility, StrtolWithBaseAndEndStopsAfterTheNumber) {
-    struct Row {
-        const char *text;
-        int base;
-        bool ok;
-        KEL_INT32 value;
-        size_t consumed;  // characters read; 0 on failure (end is the text)
-    };
-    const Row rows[] = {
-        {"12abc", 0, true, 12, 2},
-        {"12", 0, true, 12, 2},
-        {"-7 rest", 0, true, -7, 2},
-        {"1e3", 0, true, 1, 1},
-        {"0x1fz", 0, true, 31, 4},
-        {"0xz", 0, true, 0, 1},  // "0x" without a hex digit: the number is "0"
-        {"0x", 0, true, 0, 1},
-        {"1010102", 2, true, 42, 6},
-        {"0x1f", 16, true, 0, 1},
-        {"2147483647:", 0, true, INT32_MAX, 10},
-        {"2147483648:", 0, false, 0, 0},
-        {" 1", 0, false, 0, 0},
-        {"{\"a\":1}", 0, false, 0, 0},
-        {"", 0, false, 0, 0},
-        {"-x", 0, false, 0, 0},
-        {"5", 99, false, 0, 0},
-    };
-    for (const auto &row : rows) {
+    for (const SignedRow &row : rows) {
+        const bool ok = row.consumed != 0;
         SCOPED_TRACE(testing::Message() << "\"" << row.text << "\" base " << row.base);
         KEL_INT32 value = kUntouched;
         const char *end = nullptr;
-        EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, row.base, &end), row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : kUntouched);
+        EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, row.base, &end), ok);
+        EXPECT_EQ(value, ok ? row.value : kUntouched);
         EXPECT_EQ(end, row.text + row.consumed);
+        const bool whole = ok && row.text[row.consumed] == '\0';
+        value = kUntouched;
+        EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, row.base, nullptr), whole);
+        EXPECT_EQ(value, whole ? row.value : kUntouched);
+        if (row.base != 0) continue;
+        value = kUntouched;
+        EXPECT_EQ(KELOsapiUtility_strtol(row.text, &value), whole);
+        EXPECT_EQ(value, whole ? row.value : kUntouched);
     }
 }
 
-TEST(Utility, StrtoptrReadsHexOrDecimalAddresses) {
+TEST(Utility, UnsignedNumbersAndPointersTakeNoMinusSign) {
     struct Row {
         const char *text;
         bool ok;
-        uintptr_t value;
+        KEL_UINT64 value;
+        bool pointerOk;  // as a pointer, whose value is the number read
     };
-    std::string maxHex = "0x" + std::string(sizeof(void *) * 2, 'f');
-    std::string tooLong = "0x1" + std::string(sizeof(void *) * 2, '0');
-    const std::vector<Row> rows = {
-        {"0", true, 0},
-        {"0x0", true, 0},
-        {"0x7ffd1234abcd", true, 0x7ffd1234abcdu},
-        {"0X10", true, 16},
-        {"4096", true, 4096},
-        {maxHex.c_str(), true, UINTPTR_MAX},
-        {tooLong.c_str(), false, 0},
-        {"", false, 0},
-        {"0x", false, 0},
-        {"-1", false, 0},
-        {"+1", false, 0},
-        {" 0x10", false, 0},
-        {"0x10 ", false, 0},
-        {"0x10g", false, 0},
-        {"(nil)", false, 0},
-    };
-    int sentinel = 0;
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\"");
-        void *pointer = &sentinel;
-        EXPECT_EQ(KELOsapiUtility_strtoptr(row.text, &pointer), row.ok ? 1 : 0);
-        EXPECT_EQ(pointer, row.ok ? reinterpret_cast<void *>(row.value) : &sentinel);
+    const std::string maxPointer = "0x" + std::string(sizeof(void *) * 2, 'f');
+    const std::string overPointer = "0x1" + std::string(sizeof(void *) * 2, '0');
+    const Row rows[] = {{"0", true, 0, true},
+                        {"+17", true, 17, false},
+                        {"4294967295", true, UINT32_MAX, true},
+                        {"4294967296", false, 0x100000000u, true},
+                        {"0xABCDEF01", true, 0xABCDEF01u, true},
+                        {"0x100000000", false, 0x100000000u, true},
+                        {"-0", false, 0, false},
+                        {"-1", false, 0, false},
+                        {"", false, 0, false},
+                        {"0x", false, 0, false},
+                        {" 1", false, 0, false},
+                        {"1,000", false, 0, false},
+                        {maxPointer.c_str(), false, UINTPTR_MAX, true},
+                        {overPointer.c_str(), false, 0, false}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.text);
+        KEL_UINT32 value = 0xA5A5A5A5u, other = 0xA5A5A5A5u;
+        EXPECT_EQ(KELOsapiUtility_strtoul(row.text, &value), row.ok);
+        EXPECT_EQ(REDAString_strToUnsignedLong(row.text, &other), row.ok);
+        EXPECT_EQ(value, row.ok ? row.value : 0xA5A5A5A5u);
+        EXPECT_EQ(other, value);
+        void *pointer = &value;
+        EXPECT_EQ(KELOsapiUtility_strtoptr(row.text, &pointer), row.pointerOk);
+        EXPECT_EQ(pointer, row.pointerOk ? reinterpret_cast<void *>(row.value) : &value);
     }
-}
-
-TEST(Utility, StrtoptrRoundTripsARealAddress) {
     int object = 0;
-    char text[64];
-    std::snprintf(text, sizeof text, "0x%llx",
-                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(&object)));
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", static_cast<void *>(&object));
     void *pointer = nullptr;
     ASSERT_EQ(KELOsapiUtility_strtoptr(text, &pointer), 1);
     EXPECT_EQ(pointer, &object);
 }
 
-TEST(Utility, StrToBooleanIgnoresCaseAndNothingElse) {
+TEST(Utility, NullArgumentsFailEveryConversion) {
+    KEL_INT32 value = kUntouched;
+    KEL_UINT32 unsignedValue = 7;
+    void *pointer = &value;
+    int flag = 7;
+    EXPECT_EQ(KELOsapiUtility_strtol(nullptr, &value) + KELOsapiUtility_strtol("1", nullptr) +
+                  KELOsapiUtility_strtoul(nullptr, &unsignedValue) +
+                  KELOsapiUtility_strtoul("1", nullptr) +
+                  KELOsapiUtility_strtolWithBase(nullptr, &value, 0, nullptr) +
+                  KELOsapiUtility_strtolWithBase("1", nullptr, 0, nullptr) +
+                  KELOsapiUtility_strtoptr(nullptr, &pointer) +
+                  KELOsapiUtility_strtoptr("1", nullptr) +
+                  REDAString_strToUnsignedLong(nullptr, &unsignedValue) +
+                  REDAString_strToBoolean(nullptr, &flag) + REDAString_strToBoolean("1", nullptr),
+              0);
+    EXPECT_TRUE(value == kUntouched && unsignedValue == 7 && pointer == &value && flag == 7);
+}
+
+TEST(Utility, BooleansIgnoreCaseAndNothingElse) {
     struct Row {
         const char *text;
-        bool ok;
-        int value;
+        int expected;  // -1: refused
     };
     const Row rows[] = {
-        {"1", true, 1},      {"true", true, 1},   {"TRUE", true, 1},     {"True", true, 1},
-        {"yes", true, 1},    {"YeS", true, 1},    {"on", true, 1},       {"ON", true, 1},
-        {"0", true, 0},      {"false", true, 0},  {"FALSE", true, 0},    {"no", true, 0},
-        {"NO", true, 0},     {"off", true, 0},    {"Off", true, 0},      {"", false, 0},
-        {" true", false, 0}, {"true ", false, 0}, {"2", false, 0},       {"-1", false, 0},
-        {"01", false, 0},    {"t", false, 0},     {"y", false, 0},       {"truely", false, 0},
-        {"tru", false, 0},   {"of", false, 0},    {"enabled", false, 0},
+        {"1", 1},      {"true", 1},    {"TRUE", 1}, {"YeS", 1},      {"on", 1},
+        {"0", 0},      {"False", 0},   {"NO", 0},   {"off", 0},      {"", -1},
+        {" true", -1}, {"true ", -1},  {"2", -1},   {"01", -1},      {"t", -1},
+        {"tru", -1},   {"truely", -1}, {"of", -1},  {"enabled", -1}, {"yes please", -1},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\"");
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.text);
         int value = 42;
-        EXPECT_EQ(REDAString_strToBoolean(row.text, &value), row.ok ? 1 : 0);
-        EXPECT_EQ(value, row.ok ? row.value : 42);
+        EXPECT_EQ(REDAString_strToBoolean(row.text, &value), row.expected >= 0);
+        EXPECT_EQ(value, row.expected >= 0 ? row.expected : 42);
     }
 }
 
-TEST(Utility, StrTrimRemovesSurroundingWhiteSpaceInPlace) {
-    struct Row {
-        const char *text;
-        const char *expected;
-    };
-    const Row rows[] = {
-        {"", ""},
-        {"a", "a"},
-        {"  a", "a"},
-        {"a  ", "a"},
-        {" \t\n\v\f\r a b \r\f\v\n\t ", "a b"},
-        {"   ", ""},
-        {"eth0", "eth0"},
-        {" 10.0.0.1 ", "10.0.0.1"},
-        {"a\0b", "a"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << "\"" << row.text << "\"");
-        std::vector<char> buffer(row.text, row.text + std::strlen(row.text) + 1);
-        char *trimmed = KELOsapiUtility_strTrim(buffer.data());
-        ASSERT_NE(trimmed, nullptr);
-        EXPECT_STREQ(trimmed, row.expected);
-        EXPECT_GE(trimmed, buffer.data());
-        EXPECT_LT(trimmed, buffer.data() + buffer.size());
+TEST(Utility, TrimCopyAndCompare) {
+    const std::pair<const char *, const char *> trims[] = {
+        {"", ""}, {"  a", "a"}, {"a  ", "a"}, {" \t\n\v\f\r a b \r\f\v\n\t ", "a b"}, {"   ", ""}};
+    for (const auto &[text, expected] : trims) {
+        std::string buffer = text;
+        EXPECT_STREQ(KELOsapiUtility_strTrim(buffer.data()), expected) << "\"" << text << "\"";
     }
     EXPECT_EQ(KELOsapiUtility_strTrim(nullptr), nullptr);
-}
 
-TEST(Utility, StrncpyAndStrcpyRespectTheCapacity) {
-    struct Row {
-        const char *label;
+    struct CopyRow {
         size_t capacity;
         const char *src;
-        size_t count;          // SIZE_MAX: use strcpy
-        const char *expected;  // nullptr: refused
+        size_t count;          // SIZE_MAX: strcpy
+        const char *expected;  // nullptr: refused, dest untouched
     };
-    const Row rows[] = {
-        {"prefix fits", 8, "long_thread_name", 8, "long_thr"},
-        {"count exceeds capacity", 8, "long_thread_name", 9, nullptr},
-        {"short source under a large count", 8, "abc", 100, "abc"},
-        {"whole source fits exactly", 3, "abc", 3, "abc"},
-        {"count zero", 0, "abc", 0, ""},
-        {"capacity zero, empty source", 0, "", 5, ""},
-        {"capacity zero, non-empty", 0, "a", 1, nullptr},
-        {"strcpy fits", 5, "hello", SIZE_MAX, "hello"},
-        {"strcpy one too many", 4, "hello", SIZE_MAX, nullptr},
-        {"strcpy empty", 0, "", SIZE_MAX, ""},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.label);
+    const CopyRow copies[] = {{8, "long_thread_name", 8, "long_thr"},
+                              {8, "long_thread_name", 9, nullptr},
+                              {8, "abc", 100, "abc"},
+                              {3, "abc", 3, "abc"},
+                              {0, "", 5, ""},
+                              {0, "a", 1, nullptr},
+                              {5, "hello", SIZE_MAX, "hello"},
+                              {4, "hello", SIZE_MAX, nullptr}};
+    for (const CopyRow &row : copies) {
+        SCOPED_TRACE(testing::Message() << row.src << " " << row.capacity << " " << row.count);
         char dest[32];
         std::memset(dest, '#', sizeof dest);
         char *result = row.count == SIZE_MAX
                            ? KELOsapiUtility_strcpy(dest, row.capacity, row.src)
                            : KELOsapiUtility_strncpy(dest, row.capacity, row.src, row.count);
-        if (row.expected == nullptr) {
-            EXPECT_EQ(result, nullptr);
-            EXPECT_EQ(dest[0], '#') << "dest must stay untouched";
-        } else {
-            EXPECT_EQ(result, dest);
+        EXPECT_EQ(result, row.expected != nullptr ? dest : nullptr);
+        if (row.expected != nullptr) {
             EXPECT_STREQ(dest, row.expected);
-            EXPECT_EQ(dest[row.capacity + 1], '#') << "nothing written past capacity + 1";
         }
+        EXPECT_EQ(dest[row.expected == nullptr ? 0 : row.capacity + 1], '#');
     }
     char dest[4] = "xy";
     EXPECT_EQ(KELOsapiUtility_strncpy(nullptr, 3, "a", 1), nullptr);
@@ -366,47 +207,276 @@ TEST(Utility, StrncpyAndStrcpyRespectTheCapacity) {
     EXPECT_EQ(KELOsapiUtility_strcpy(nullptr, 3, "a"), nullptr);
     EXPECT_EQ(KELOsapiUtility_strcpy(dest, 3, nullptr), nullptr);
     EXPECT_STREQ(dest, "xy");
-}
 
-int sign(int value) {
-    return (value > 0) - (value < 0);
-}
-
-TEST(Utility, ComparisonsOrderNullFirstAndFoldCaseWhenAsked) {
-    struct Row {
-        const char *left;
-        const char *right;
+    struct CompareRow {
+        const char *left, *right;
         size_t n;
-        int exact;       // sign of REDAString_compare
-        int ignoreCase;  // sign of REDAString_iCompare
-        int prefix;      // sign of REDAString_inCompare over n
+        int exact, ignoreCase, prefix;  // signs of compare, iCompare, inCompare over n
     };
-    const Row rows[] = {
-        {nullptr, nullptr, 5, 0, 0, 0},
-        {nullptr, "", 5, -1, -1, -1},
-        {"", nullptr, 5, 1, 1, 1},
-        {nullptr, "a", 0, -1, -1, -1},
-        {"", "", 5, 0, 0, 0},
-        {"abc", "abc", 3, 0, 0, 0},
-        {"abc", "ABC", 3, 1, 0, 0},
-        {"ABC", "abd", 3, -1, -1, -1},
-        {"abc", "abd", 2, -1, -1, 0},
-        {"ab", "abc", 5, -1, -1, -1},
-        {"ab", "abc", 2, -1, -1, 0},
-        {"abc", "ab", 3, 1, 1, 1},
-        {"UDPV4_PAYLOAD_SIZE_MAX", "udpv4_payload_size_max", 23, -1, 0, 0},
-        {"UDPV4_PAYLOAD_SIZE_MAX_X", "udpv4_payload_size_max", 23, -1, 1, 1},
-        {"anything", "different", 0, -1, -1, 0},
-        {"[", "{", 1, -1, -1, -1},  // punctuation is not folded
-        {"\xff", "a", 1, 1, 1, 1},  // bytes compare unsigned
-    };
-    for (const auto &row : rows) {
+    const CompareRow compares[] = {{nullptr, nullptr, 5, 0, 0, 0},
+                                   {nullptr, "", 5, -1, -1, -1},
+                                   {"", nullptr, 5, 1, 1, 1},
+                                   {"abc", "abc", 3, 0, 0, 0},
+                                   {"abc", "ABC", 3, 1, 0, 0},
+                                   {"ABC", "abd", 3, -1, -1, -1},
+                                   {"abc", "abd", 2, -1, -1, 0},
+                                   {"ab", "abc", 5, -1, -1, -1},
+                                   {"abc", "ab", 3, 1, 1, 1},
+                                   {"Zebra_Z", "zebra_z", 7, -1, 0, 0},
+                                   {"anything", "other", 0, -1, -1, 0},
+                                   {"[", "{", 1, -1, -1, -1},
+                                   {"\xff", "a", 1, 1, 1, 1}};
+    for (const CompareRow &row : compares) {
         SCOPED_TRACE(testing::Message() << (row.left ? row.left : "NULL") << " vs "
                                         << (row.right ? row.right : "NULL") << " n=" << row.n);
-        EXPECT_EQ(sign(REDAString_compare(row.left, row.right)), row.exact);
-        EXPECT_EQ(sign(REDAString_iCompare(row.left, row.right)), row.ignoreCase);
-        EXPECT_EQ(sign(REDAString_inCompare(row.left, row.right, row.n)), row.prefix);
+        EXPECT_EQ(vesk::test::sign(REDAString_compare(row.left, row.right)), row.exact);
+        EXPECT_EQ(vesk::test::sign(REDAString_iCompare(row.left, row.right)), row.ignoreCase);
+        EXPECT_EQ(vesk::test::sign(REDAString_inCompare(row.left, row.right, row.n)), row.prefix);
     }
+}
+
+// ---------------------------------------------------------------------------
+// Address texts
+
+struct AddressRow {
+    std::string text;
+    int flag;
+    const char *expected;  // hex; nullptr: refused, address untouched
+};
+
+// "hex" of the address each text gives, "-" for a refusal that left the
+// address untouched, "?" for one that changed it.
+std::string addressesOf(const std::vector<AddressRow> &rows) {
+    std::string out;
+    for (const AddressRow &row : rows) {
+        VESK_Transport_Address_t address;
+        std::memset(&address, 0xEE, sizeof address);
+        const int ok = VESK_Transport_SocketUtil_StringAddress_to_transportAddress(
+            &address, row.text.c_str(), row.flag);
+        out += (ok ? hex(address) : hex(address) == std::string(32, 'e') ? "-" : "?") + "\n";
+    }
+    return out;
+}
+
+std::string expectedOf(const std::vector<AddressRow> &rows) {
+    std::string out;
+    for (const AddressRow &row : rows) {
+        out += std::string(row.expected != nullptr ? row.expected : "-") + "\n";
+    }
+    return out;
+}
+
+TEST(SocketUtil, NumericAddressTexts) {
+    const std::vector<AddressRow> rows = {
+        {"192.0.2.1", 0, "000000000000000000000000c0000201"},
+        {"255.255.255.255", 1, "000000000000000000000000ffffffff"},
+        {"::1", 0, "00000000000000000000000000000001"},
+        {"2001:db8:0:1:2:3:4:5", 0, "20010db8000000010002000300040005"},
+        {"::ffff:1.2.3.4", 0, "00000000000000000000ffff01020304"},
+        {"FE80::ABCD", 0, "fe80000000000000000000000000abcd"},
+        {"1.2.3", 0, nullptr},
+        {"1.2.3.4.5", 1, nullptr},
+        {"256.1.1.1", 1, nullptr},
+        {"0x7f000001", 1, nullptr},
+        {"017.0.0.1", 1, nullptr},
+        {" 1.2.3.4", 1, nullptr},
+        {"1.2.3.4\n", 1, nullptr},
+        {"fe80::1%eth0", 1, nullptr},
+        {"[::1]", 1, nullptr},
+        {"", 1, nullptr}};
+    EXPECT_EQ(addressesOf(rows), expectedOf(rows));
+    VESK_Transport_Address_t address = VESK_TRANSPORT_ADDRESS_INVALID;
+    EXPECT_EQ(VESK_Transport_SocketUtil_StringAddress_to_transportAddress(&address, nullptr, 1), 0);
+    EXPECT_EQ(VESK_Transport_SocketUtil_StringAddress_to_transportAddress(nullptr, "::1", 0), 0);
+    EXPECT_EQ(hex(VESK_TRANSPORT_ADDRESS_INVALID), std::string(32, '0'));
+}
+
+// Names are resolved inside a namespace whose /etc holds only a hosts file
+// and "hosts: files": a name that should be refused unread would resolve
+// there, and no query can leave for a name server.
+TEST(SocketUtil, HostNamesAreCheckedBeforeTheResolverSeesThem) {
+    const std::string label63(63, 'a'), label64(64, 'a');
+    const std::string name253 =
+        label63 + "." + label63 + "." + label63 + "." + std::string(61, 'b');
+    const std::string name254 = name253 + "b";
+    const std::vector<AddressRow> rows = {
+        {"localhost", 1, "0000000000000000000000007f000001"},
+        {"localhost", 0, nullptr},
+        {"v6only", 1, "fd000000000000000000000000000005"},
+        {"under_score.example", 1, "0000000000000000000000000a000003"},
+        {label63 + ".example", 1, "0000000000000000000000000a000004"},
+        {name253, 1, "0000000000000000000000000a000005"},
+        {"trailing.dot.", 1, "0000000000000000000000000a000006"},
+        {"nowhere", 1, nullptr},
+        {label64 + ".example", 1, nullptr},
+        {name254, 1, nullptr},
+        {"a.123", 1, nullptr},
+        {"-a.example", 1, nullptr},
+        {"a-.example", 1, nullptr},
+        {"example.a-", 1, nullptr},
+        {"bad..name", 1, nullptr},
+        {".leading", 1, nullptr},
+        {"with space", 1, nullptr},
+        {"a,b", 1, nullptr}};
+    std::string hosts =
+        "127.0.0.1 localhost\n::1 localhost\nfd00::5 v6only\n"
+        "10.0.0.3 under_score.example\n10.0.0.4 " +
+        label63 + ".example\n" + "10.0.0.5 " + name253 + "\n10.0.0.6 trailing.dot.\n";
+    // What a lax check would let through, so that it resolves.
+    hosts += "10.9.9.1 " + label64 + ".example\n10.9.9.2 " + name254 +
+             "\n10.9.9.3 a.123\n10.9.9.4 -a.example\n10.9.9.5 a-.example\n";
+    const vesk::test::Isolation isolation{
+        "", {"/etc", ""}, {{"/etc/hosts", hosts}, {"/etc/nsswitch.conf", "hosts: files\n"}}};
+    const std::string got = vesk::test::runIsolated(isolation, [&] { return addressesOf(rows); });
+    if (got.rfind("SKIP", 0) == 0) GTEST_SKIP() << got;
+    EXPECT_EQ(got, expectedOf(rows));
+}
+
+TEST(SocketUtil, EqualityComparesAllSixteenBytes) {
+    VESK_Transport_Address_t base;
+    ASSERT_NE(VESK_Transport_SocketUtil_StringAddress_to_transportAddress(&base, "fd00::1:2", 0),
+              0);
+    for (int changed : {-1, 0, 7, 15}) {
+        VESK_Transport_Address_t other = base;
+        if (changed >= 0) other.network_ordered_value[changed] ^= 0x01;
+        EXPECT_EQ(VESK_Transport_Address_is_equal(&base, &other), changed < 0) << changed;
+        EXPECT_EQ(VESK_Transport_Address_is_equal(&other, &base), changed < 0) << changed;
+    }
+    EXPECT_EQ(VESK_Transport_Address_is_equal(nullptr, nullptr), 1);
+    EXPECT_EQ(VESK_Transport_Address_is_equal(&base, nullptr), 0);
+    EXPECT_EQ(VESK_Transport_Address_is_equal(nullptr, &base), 0);
+}
+
+// ---------------------------------------------------------------------------
+// JSON
+
+struct TreeDeleter {
+    void operator()(KELJSONObject *root) const { KELJSONObject_delete(root); }
+};
+using Tree = std::unique_ptr<KELJSONObject, TreeDeleter>;
+
+Tree parse(const std::string &text) {
+    return Tree(KELJSONParser_parse_ex(text.data(), text.size()));
+}
+
+const KELJSONObject *child(const KELJSONObject *node, const char *name) {
+    const KELJSONObject *out = nullptr;
+    return KELJSONObject_getChildByName(node, &out, name) ? out : nullptr;
+}
+const KELJSONObject *childAt(const KELJSONObject *node, size_t index) {
+    const KELJSONObject *out = nullptr;
+    return KELJSONObject_getChildAt(node, &out, index) ? out : nullptr;
+}
+
+TEST(Json, OneDocumentWithinTheGivenLength) {
+    struct Row {
+        std::string text;
+        size_t length;  // SIZE_MAX: the whole text
+        bool valid;
+    };
+    const Row rows[] = {{" {\"a\": [1, {\"b\": null}]} \n", SIZE_MAX, true},
+                        {"{} x", SIZE_MAX, false},
+                        {"[1,]", SIZE_MAX, false},
+                        {"", SIZE_MAX, false},
+                        {std::string("[1]\0", 4), SIZE_MAX, false},
+                        {std::string("[\"a\0b\"]", 7), SIZE_MAX, false},
+                        {"{\"a\":1}", 6, false},
+                        {"[1,2]garbage", 5, true}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.text);
+        const size_t length = row.length == SIZE_MAX ? row.text.size() : row.length;
+        // An exact-size copy: AddressSanitizer sees any read past the length.
+        auto exact = std::make_unique<char[]>(length);
+        std::memcpy(exact.get(), row.text.data(), length);
+        Tree tree(KELJSONParser_parse_ex(exact.get(), length));
+        EXPECT_EQ(tree != nullptr, row.valid);
+    }
+    EXPECT_EQ(KELJSONParser_parse_ex(nullptr, 5), nullptr);
+}
+
+TEST(Json, IntegersAreSigned64BitOnly) {
+    struct Row {
+        const char *element;
+        bool isInt;
+        KEL_INT64 value;
+    };
+    const Row rows[] = {{"-0", true, 0},
+                        {"7400", true, 7400},
+                        {"-1", true, -1},
+                        {"9223372036854775807", true, INT64_MAX},
+                        {"-9223372036854775808", true, INT64_MIN},
+                        {"9223372036854775808", false, 0},
+                        {"1.0", false, 0},
+                        {"true", false, 0},
+                        {"\"5\"", false, 0},
+                        {"[5]", false, 0}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.element);
+        Tree tree = parse(std::string("[") + row.element + "]");
+        ASSERT_NE(tree, nullptr);
+        KEL_INT64 value = 0x5A5A;
+        EXPECT_EQ(KELJSONObject_getIntValue(childAt(tree.get(), 0), &value) != 0, row.isInt);
+        EXPECT_EQ(value, row.isInt ? row.value : 0x5A5A);
+    }
+    Tree scalar = parse("42");
+    KEL_INT64 value = 0;
+    EXPECT_EQ(KELJSONObject_getIntValue(scalar.get(), nullptr), 0);
+    EXPECT_EQ(KELJSONObject_getIntValue(nullptr, &value), 0);
+}
+
+TEST(Json, ChildrenFollowTheNodeKindInDocumentOrder) {
+    Tree tree = parse(R"({"z": 1, "a": [10, 20, 30], "m": {}, "s": "str", "A": 2, "z": 3})");
+    ASSERT_NE(tree, nullptr);
+    const KELJSONObject *root = tree.get();
+    // A repeated member keeps its first place and its last value.
+    const char *order[] = {"z", "a", "m", "s", "A"};
+    ASSERT_EQ(KELJSONObject_getChildCount(root), 5u);
+    for (size_t i = 0; i < 5; ++i) EXPECT_EQ(child(root, order[i]), childAt(root, i)) << i;
+    KEL_INT64 value = 0;
+    ASSERT_TRUE(KELJSONObject_getIntValue(child(root, "z"), &value));
+    EXPECT_EQ(value, 3);
+    const std::pair<const char *, size_t> counts[] = {{"z", 0}, {"a", 3}, {"m", 0}, {"s", 0}};
+    for (const auto &[member, children] : counts) {
+        const KELJSONObject *node = child(root, member);
+        ASSERT_NE(node, nullptr) << member;
+        EXPECT_EQ(KELJSONObject_getChildCount(node), children) << member;
+        EXPECT_EQ(childAt(node, children), nullptr) << member;
+    }
+    const KELJSONObject *array = child(root, "a");
+    ASSERT_TRUE(KELJSONObject_getIntValue(childAt(array, 2), &value));
+    EXPECT_EQ(value, 30);
+    EXPECT_EQ(child(root, "Z"), nullptr);
+    EXPECT_EQ(child(array, "0"), nullptr);
+    const KELJSONObject *sentinel = root;  // a failed access leaves the handle alone
+    EXPECT_FALSE(KELJSONObject_getChildByName(root, &sentinel, "missing"));
+    EXPECT_FALSE(KELJSONObject_getChildAt(array, &sentinel, 3));
+    EXPECT_FALSE(KELJSONObject_getChildAt(root, &sentinel, 5));
+    EXPECT_EQ(sentinel, root);
+    EXPECT_FALSE(KELJSONObject_getChildByName(nullptr, &sentinel, "z"));
+    EXPECT_FALSE(KELJSONObject_getChildByName(root, nullptr, "z"));
+    EXPECT_FALSE(KELJSONObject_getChildByName(root, &sentinel, nullptr));
+    EXPECT_FALSE(KELJSONObject_getChildAt(nullptr, &sentinel, 0));
+    EXPECT_FALSE(KELJSONObject_getChildAt(root, nullptr, 0));
+    EXPECT_EQ(KELJSONObject_getChildCount(nullptr), 0u);
+}
+
+TEST(Json, ADocumentIsOneHeapBlockAndARefusedOneCostsNothing) {
+    const std::string text = R"({"default": {"host": 7400}, "mappings": [{"rtps": 1}]})";
+    KELOsapiHeapStatistics before{}, after{};
+    KELOsapiHeap_getStatistics(&before);
+    EXPECT_EQ(parse("{\"a\": [1, 2, 3}"), nullptr);
+    KELOsapiHeap_failAllocationAfter(1);
+    EXPECT_EQ(parse(text), nullptr);
+    KELOsapiHeap_failAllocationAfter(0);
+    KELOsapiHeap_getStatistics(&after);
+    EXPECT_EQ(after.total_allocations, before.total_allocations);
+    EXPECT_EQ(after.live_blocks, before.live_blocks);
+    Tree tree = parse(text);
+    ASSERT_NE(tree, nullptr);
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(tree.get()), "KELJSONDocument");
+    EXPECT_EQ(KELOsapiHeap_getBlockTag(tree.get()), VESK_TRANSPORT_HEAP_TAG);
+    EXPECT_EQ(vesk::test::liveHeapBlocks(), before.live_blocks + 1);
+    KELJSONObject_delete(nullptr);
 }
 
 }  // namespace
