@@ -418,8 +418,8 @@ TEST_F(ConfiguratorTest, RefusalsLogTheirReason) {
     for (const Row &row : rows) {
         SCOPED_TRACE(row.reason);
         KELNetioConfigurator *configurator = KELNetioConfigurator_new(1, 1);
-        VESK_Transport_Plugin *first = newFakePlugin();
-        VESK_Transport_Plugin *spare = newFakePlugin();
+        VESK_Transport_Plugin *first = FakePlugin::make();
+        VESK_Transport_Plugin *spare = FakePlugin::make();
         KELNetioAliasList list = aliasList("a,busy");
         REDAWeakReference reference{};
         const KELNetioAddressFilter filter{};
@@ -453,7 +453,7 @@ TEST_F(ConfiguratorTest, RefusalsLogTheirReason) {
             EXPECT_EQ(entry.function, names[row.call]);
             EXPECT_EQ(entry.level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
         }
-        fakeDelete(spare, nullptr);
+        FakePlugin::destroy(spare, nullptr);
         KELNetioConfigurator_delete(configurator);
     }
     vesk::test::LogCapture log;
