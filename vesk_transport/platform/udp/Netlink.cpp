@@ -124,7 +124,14 @@ ParseResult parse(const void *buffer, size_t length) {
     std::memcpy(aligned.data(), buffer, length);
     const auto *message = reinterpret_cast<const nlmsghdr *>(aligned.data());
     int remaining = static_cast<int>(length);
-    for (; mnl_nlmsg_ok(message, remaining); message = mnl_nlmsg_next(message, &remaining)) {
+    // mnl_nlmsg_ok compares the length as a signed int: a length above
+    // INT_MAX would pass it, so the unsigned comparison comes first.
+    auto fits = [&] {
+        return remaining >= static_cast<int>(sizeof(nlmsghdr)) &&
+               message->nlmsg_len <= static_cast<unsigned int>(remaining) &&
+               mnl_nlmsg_ok(message, remaining);
+    };
+    for (; fits(); message = mnl_nlmsg_next(message, &remaining)) {
         if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) result.interrupted = true;
         const unsigned int type = message->nlmsg_type;
         if (type == NLMSG_DONE) {
@@ -139,7 +146,13 @@ ParseResult parse(const void *buffer, size_t length) {
             }
             nlmsgerr error;
             std::memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
-            if (error.error != 0) result.error = error.error < 0 ? -error.error : error.error;
+            // 0 acknowledges; the kernel sends -errno, never below -4095.
+            if (error.error > 0 || error.error < -4095) {
+                ++result.skipped;
+                logSkipped("error code out of range", type);
+            } else if (error.error != 0) {
+                result.error = -error.error;
+            }
             continue;
         }
         Event event;
@@ -168,7 +181,7 @@ ParseResult parse(const void *buffer, size_t length) {
         if (tentative && event.kind == EventKind::addressNew) continue;
         result.events.push_back(std::move(event));
     }
-    if (remaining > 0 && remaining >= static_cast<int>(sizeof(nlmsghdr))) {
+    if (remaining >= static_cast<int>(sizeof(nlmsghdr))) {
         ++result.skipped;
         logSkipped("message longer than the datagram", 0);
     }
