@@ -177,6 +177,11 @@ TEST(InterfaceTracking, SelectionOnRealInterfaces) {
         p.parent.allow_interfaces_list_length = static_cast<KEL_INT32>(a.size());
         p.parent.deny_interfaces_list = d.data();
         p.parent.deny_interfaces_list_length = static_cast<KEL_INT32>(d.size());
+        // The same entries in the multicast lists: multicast adds IFF_MULTICAST.
+        p.parent.allow_multicast_interfaces_list = a.data();
+        p.parent.allow_multicast_interfaces_list_length = static_cast<KEL_INT32>(a.size());
+        p.parent.deny_multicast_interfaces_list = d.data();
+        p.parent.deny_multicast_interfaces_list_length = static_cast<KEL_INT32>(d.size());
         vesk::udp::Selection unicast, multicast;
         ASSERT_TRUE(vesk::udp::describeHostSelection(p, row.ipv6, unicast, multicast));
         std::string got, gotMulticast;

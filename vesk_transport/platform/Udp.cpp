@@ -280,7 +280,7 @@ struct UdpPlugin {
         int up;
     } forced[kForcedMax];
     int forced_count;
-    bool multicast_warned;  // the "no multicast interface" warning was given
+    std::atomic<bool> multicast_warned;  // the "no multicast interface" warning was given
 };
 static_assert(std::is_standard_layout_v<UdpPlugin>, "the plugin pointer must convert back");
 static_assert(offsetof(UdpPlugin, base) == 0);
@@ -390,31 +390,35 @@ bool buildTable(const UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCand
     return true;
 }
 
-// One warning when multicast is on but no selected interface that is not
-// forced down can carry it; given again only after multicast worked.
-void checkMulticast(UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCandidate> &used) {
+// The interfaces multicast uses now: the multicast selection on the host,
+// without the interfaces forced down. Groups follow them (udp/Plugin.cpp);
+// one warning when there is none, given again only after multicast worked.
+void followMulticast(UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCandidate> &host) {
     if (udp.property.multicast_enabled == 0) return;
-    std::vector<vesk::udp::InterfaceCandidate> usable;
+    std::vector<vesk::udp::InterfaceCandidate> usable =
+        vesk::udp::selectMulticastInterfaces(host, udp.property, udp.udp_class == UdpClass::V6)
+            .selected;
     {
         std::lock_guard<std::mutex> lock(udp.control_mutex);
-        for (const auto &candidate : used) {
-            bool down = false;
+        std::erase_if(usable, [&udp](const vesk::udp::InterfaceCandidate &candidate) {
             for (int i = 0; i < udp.forced_count; ++i) {
-                down |= udp.forced[i].up == 0 && candidate.name == udp.forced[i].name;
+                if (udp.forced[i].up == 0 && candidate.name == udp.forced[i].name) return true;
             }
-            if (!down) usable.push_back(candidate);
-        }
+            return false;
+        });
     }
-    const bool none = vesk::udp::selectMulticastInterfaces(usable, udp.property).selected.empty();
-    const bool warn = none && !udp.multicast_warned;
-    udp.multicast_warned = none;
+    vesk::udp::updateMulticastInterfaces(udp.io, usable);
+    const bool none = usable.empty();
+    const bool warn = none && !udp.multicast_warned.exchange(none);
+    if (!none) udp.multicast_warned.store(false);
     if (!warn || !KELLog_isEnabled(KEL_LOG_BIT_WARN, DDS_SUBMODULE_MASK_TRANSPORT)) return;
     const ClassInfo &info = classInfo(udp.udp_class);
     KELLogMessageParamString_printWithParams(
         -1, KEL_LOG_BIT_WARN, VESK_TRANSPORT_LOG_MODULE_ID, __FILE__, __LINE__, info.function,
         &KEL_LOG_TRANSPORT_STATUS_TEMPLATE,
-        "%s multicast is on but no selected interface can carry it (IFF_MULTICAST, "
-        "parent.allow_multicast_interfaces_list, parent.deny_multicast_interfaces_list)",
+        "%s multicast is on but no interface can carry it (IFF_MULTICAST, "
+        "parent.allow_multicast_interfaces_list, parent.deny_multicast_interfaces_list, "
+        "forced status)",
         info.name);
 }
 
@@ -455,9 +459,9 @@ void onHostChange(UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCandidat
             }
         }
         KELOsapiHeap_freeArray(table);  // the old one, or the new one not needed
+        followMulticast(udp, host);     // also when only multicast changed
         if (!changed) return;
         vesk::udp::logSelection(selection, "after an interface change", info.function, info.name);
-        checkMulticast(udp, selection.selected);
         notifyListener(udp);
     } catch (...) {
         vesk::transport::logError(KEL_LOG_ANY_FAILURE_s, info.function, __FILE__, __LINE__,
@@ -604,7 +608,7 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
         base.multicastInterfaceEnabled = property_in->multicast_enabled != 0 ? 1 : 0;
 
         vesk::udp::logSelection(selection, "unicast", info.function, info.name);
-        checkMulticast(*plugin, used);
+        followMulticast(*plugin, candidates);
         startTracking(*plugin, std::move(candidates));
 
         if (default_network_address_out != nullptr) *default_network_address_out = {};
@@ -857,6 +861,9 @@ int VESK_Transport_UDP_change_interface_status(VESK_Transport_Plugin *plugin,
             // An interface with several addresses has one entry per address.
             for (int i = 0; i < udp->interface_count; ++i) applyForced(*udp, udp->interfaces[i]);
         }
+        // Groups leave a forced-down interface and come back when it is up.
+        std::vector<vesk::udp::InterfaceCandidate> host;
+        if (vesk::udp::enumerateHostInterfaces(host)) followMulticast(*udp, host);
         notifyListener(*udp);
         return 1;
     } catch (...) {

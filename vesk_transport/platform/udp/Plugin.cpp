@@ -770,6 +770,64 @@ void fillIoOperations(VESK_Transport_Plugin &plugin) noexcept {
     plugin.update_destination = updateDestination;
 }
 
+// --- interface tracking hook (called by Udp.cpp on an interface change) ---
+
+namespace {
+
+void setOutgoingInterface(int fd, bool ipv6, int index) noexcept {
+    if (fd < 0) return;
+    if (ipv6) {
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
+        return;
+    }
+    ip_mreqn request{};
+    request.imr_ifindex = index;
+    setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &request, sizeof request);
+}
+
+}  // namespace
+
+void updateMulticastInterfaces(Io *io, const std::vector<InterfaceCandidate> &interfaces) noexcept {
+    if (io == nullptr || io->property->multicast_enabled == 0) return;
+    try {
+        const std::vector<int> now = interfaceIndexes(interfaces);
+        const LogContext context = contextOf(*io, "interface tracking");
+        auto in = [](const std::vector<int> &list, int index) {
+            return std::find(list.begin(), list.end(), index) != list.end();
+        };
+        std::lock_guard<std::mutex> lock(io->mutex);
+        for (RecvResource *resource : io->receive_resources) {
+            for (Group &group : resource->groups) {
+                std::vector<int> gone, kept;
+                for (int index : group.joined) (in(now, index) ? kept : gone).push_back(index);
+                leaveGroupOnInterfaces(resource->socket.get(), io->ipv6, group.address, gone,
+                                       context);
+                for (int index : now) {
+                    if (in(kept, index)) continue;
+                    // A failed join is logged there; the next change tries again.
+                    joinGroupOnInterfaces(resource->socket.get(), io->ipv6, group.address, {index},
+                                          kept, context);
+                }
+                group.joined = std::move(kept);
+            }
+        }
+        // Multicast goes out of the first interface left (0: the system's choice).
+        const int first = now.empty() ? 0 : now.front();
+        if (io->multicast_indexes.empty() || io->multicast_indexes.front() != first) {
+            setOutgoingInterface(io->send_socket.get(), io->ipv6, first);
+            for (SendResource *resource : io->send_resources) {
+                if (resource->own_socket.valid()) {
+                    setOutgoingInterface(resource->own_socket.get(), io->ipv6, first);
+                }
+            }
+        }
+        io->multicast_interfaces = interfaces;
+        io->multicast_indexes = now;
+    } catch (...) {
+        // Out of memory: the groups stay as they were until the next change.
+    }
+}
+
 }  // namespace vesk::udp
 
 extern "C" {
