@@ -3,6 +3,7 @@
 // with netlink and with polling, selection on real interfaces, and the
 // tracker's lifetime (prompt stop, no descriptor left).
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -10,9 +11,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -369,4 +373,69 @@ TEST(UdpPluginTracking, DisabledTrackingKeepsTheFirstSelection) {
     std::this_thread::sleep_for(milliseconds(200));
     EXPECT_EQ(receiveInterfaces(plugin), "127.0.0.1 up; ");  // lo, alone at creation
     plugin->delete_cEA(plugin, nullptr);
+}
+
+// The devices on which this thread's namespace has joined the IPv4 group
+// ("239.255.0.1"), from /proc/thread-self/net/igmp.
+std::string joinedOn(const char *group) {
+    in_addr address{};
+    inet_pton(AF_INET, group, &address);
+    char hex[9];
+    std::snprintf(hex, sizeof hex, "%08X", address.s_addr);
+    std::ifstream in("/proc/thread-self/net/igmp");
+    std::string line, device, out;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line[0] != '\t' && line.find(':') != std::string::npos) {
+            std::istringstream words(line);
+            std::string index;
+            words >> index >> device;
+        } else if (line.find(hex) != std::string::npos) {
+            out += device + " ";
+        }
+    }
+    return out;
+}
+
+TEST(UdpPluginTracking, MulticastGroupsFollowTheInterfaces) {
+    ENTER_NAMESPACE(ns);
+    for (const char *command : {"link add vm0 type veth peer name vm1",
+                                "addr add 192.0.2.1/24 dev vm0", "link set vm0 up"}) {
+        ASSERT_TRUE(ip(command));
+    }
+    VESK_Transport_UDP_Property_t record = udpRecord(0, 0);
+    std::string pattern = "vm*";
+    char *allow[] = {pattern.data()};
+    record.parent.allow_multicast_interfaces_list = allow;
+    record.parent.allow_multicast_interfaces_list_length = 1;
+    VESK_Transport_Plugin *p = VESK_Transport_UDPv4_newI(&record, nullptr, nullptr);
+    ASSERT_NE(p, nullptr);
+    VESK_Transport_Address_t group{};
+    ASSERT_EQ(p->string_to_address_cEA(p, &group, "239.255.0.1"), 1);
+    VESK_Transport_RecvResource_t resource = nullptr;
+    VESK_Transport_Port_t port = 0;
+    ASSERT_EQ(p->create_recvresource_rrEA(p, &resource, &port, &group, 0), 1);
+    EXPECT_EQ(joinedOn("239.255.0.1"), "vm0 ");
+    struct Step {
+        std::function<bool()> action;
+        const char *joined;
+    };
+    // clang-format off
+    const std::vector<Step> steps = {
+        {[] { return ip("link add vm2 type veth peer name vm3") && ip("addr add 198.51.100.1/24 dev vm2") &&
+                     ip("link set vm2 up"); }, "vm0 vm2 "},
+        {[p] { return VESK_Transport_UDP_change_interface_status(p, "vm0", 0) == 1; }, "vm2 "},
+        {[p] { return VESK_Transport_UDP_change_interface_status(p, "vm0", 1) == 1; }, "vm0 vm2 "},
+        {[] { return ip("link del vm2"); }, "vm0 "},
+    };
+    // clang-format on
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.joined);
+        ASSERT_TRUE(step.action());
+        EXPECT_TRUE(
+            waitUntil([&] { return joinedOn("239.255.0.1") == step.joined; }, milliseconds(500)))
+            << joinedOn("239.255.0.1");
+    }
+    p->destroy_recvresource_rrEA(p, &resource);
+    p->delete_cEA(p, nullptr);
+    EXPECT_EQ(joinedOn("239.255.0.1"), "");
 }

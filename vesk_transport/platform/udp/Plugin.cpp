@@ -802,12 +802,16 @@ void updateMulticastInterfaces(Io *io, const std::vector<InterfaceCandidate> &in
                 for (int index : group.joined) (in(now, index) ? kept : gone).push_back(index);
                 leaveGroupOnInterfaces(resource->socket.get(), io->ipv6, group.address, gone,
                                        context);
+                std::vector<int> arriving, joined;
                 for (int index : now) {
-                    if (in(kept, index)) continue;
-                    // A failed join is logged there; the next change tries again.
-                    joinGroupOnInterfaces(resource->socket.get(), io->ipv6, group.address, {index},
-                                          kept, context);
+                    if (!in(kept, index)) arriving.push_back(index);
                 }
+                // A failed join is logged there; the next change tries again.
+                if (!arriving.empty()) {
+                    joinGroupOnInterfaces(resource->socket.get(), io->ipv6, group.address, arriving,
+                                          joined, context);
+                }
+                kept.insert(kept.end(), joined.begin(), joined.end());
                 group.joined = std::move(kept);
             }
         }
