@@ -481,6 +481,7 @@ void startTracking(UdpPlugin &udp, std::vector<vesk::udp::InterfaceCandidate> ho
         options.poll_period_ms = udp.property.interface_poll_period;
         options.function = info.function;
         options.class_name = info.name;
+        options.retry = [io = udp.io] { return vesk::udp::retryMulticastJoins(io); };
         udp.tracker = vesk::udp::InterfaceTracker::start(
                           std::move(options), std::move(host),
                           [plugin = &udp](const auto &now) { onHostChange(*plugin, now); })

@@ -37,6 +37,10 @@ void fillIoOperations(VESK_Transport_Plugin &plugin) noexcept;
 // Interface tracking: the interfaces multicast now uses. Every group of
 // every receive resource is left on the interfaces that went and joined on
 // those that came; multicast is sent out of the first one.
+// A join the kernel refuses is retried by retryMulticastJoins until
+// join_multicast_group_timeout, then reported with the interface and errno.
 void updateMulticastInterfaces(Io *io, const std::vector<InterfaceCandidate> &interfaces) noexcept;
+// True while joins wait for another try.
+bool retryMulticastJoins(Io *io) noexcept;
 
 }  // namespace vesk::udp
