@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 
@@ -22,6 +23,7 @@
 #include <vector>
 
 #include "support/NetNamespace.hpp"
+#include "support/TestSupport.hpp"
 #include "vesk_transport/platform/Udp.h"
 #include "vesk_transport/platform/udp/InterfaceTracker.hpp"
 
@@ -438,4 +440,26 @@ TEST(UdpPluginTracking, MulticastGroupsFollowTheInterfaces) {
     p->destroy_recvresource_rrEA(p, &resource);
     p->delete_cEA(p, nullptr);
     EXPECT_EQ(joinedOn("239.255.0.1"), "");
+}
+
+TEST(InterfaceTracking, AFailedLookIsReportedAndChangesNothing) {
+    vesk::test::LogCapture log(VESK_CONFIG_LOG_VERBOSITY_WARNING);
+    InterfaceTracker::Options options;
+    options.force_poll = true;
+    options.poll_period_ms = 60000;
+    options.class_name = "UDPv4";
+    options.enumerate = [](InterfaceTracker::Snapshot &) {
+        errno = EMFILE;
+        return false;
+    };
+    Seen seen;
+    auto tracker = InterfaceTracker::start(options, {}, seen.callback());
+    ASSERT_NE(tracker, nullptr);
+    EXPECT_TRUE(waitUntil([&] { return !log.entries().empty(); }));
+    tracker.reset();
+    EXPECT_EQ(log.summary(),
+              std::vector<std::string>{
+                  "KEL_LOG_TRANSPORT_STATUS_TEMPLATE(UDPv4 interface tracking: cannot "
+                  "list the host's interfaces (Too many open files))"});
+    EXPECT_EQ(seen.calls, 0);
 }

@@ -210,18 +210,6 @@ int Socket::fd() const {
     return socket_ != nullptr ? mnl_socket_get_fd(socket_) : -1;
 }
 
-bool Socket::requestDump(std::uint16_t type) {
-    if (socket_ == nullptr) return false;
-    alignas(nlmsghdr) char request[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(rtgenmsg))] = {};
-    nlmsghdr *message = mnl_nlmsg_put_header(request);
-    message->nlmsg_type = type;
-    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    message->nlmsg_seq = ++sequence_;
-    auto *family = static_cast<rtgenmsg *>(mnl_nlmsg_put_extra_header(message, sizeof(rtgenmsg)));
-    family->rtgen_family = AF_UNSPEC;
-    return mnl_socket_sendto(socket_, message, message->nlmsg_len) >= 0;
-}
-
 long Socket::receive(std::vector<std::uint64_t> &buffer) {
     if (socket_ == nullptr) {
         errno = EBADF;

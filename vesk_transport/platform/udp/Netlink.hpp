@@ -2,7 +2,7 @@
 // RTM_DELLINK, RTM_NEWADDR and RTM_DELADDR messages into events (it trusts
 // nothing: every length is checked, a malformed message is skipped and
 // logged), and a small socket that subscribes to the link and address
-// groups and asks for dumps. Built on libmnl.
+// groups (the tracker's first look, getifaddrs, is the dump). Built on libmnl.
 #pragma once
 
 #include <cstddef>
@@ -51,8 +51,6 @@ public:
     // False (errno set) when route netlink cannot be used here.
     bool open();
     int fd() const;
-    // Asks for every link (RTM_GETLINK) or every address (RTM_GETADDR).
-    bool requestDump(std::uint16_t type);
     // Reads one datagram without waiting. Returns its length, 0 when there
     // is nothing to read, -1 on error (errno; ENOBUFS means events were lost).
     long receive(std::vector<std::uint64_t> &buffer);
