@@ -911,7 +911,7 @@ bool retryMulticastJoins(Io *io) noexcept {
         char name[IF_NAMESIZE] = "?";
         if_indextoname(static_cast<unsigned>(pending.index), name);
         char group_text[64];
-        endpointText(where, group_text);
+        hostText(where, group_text);
         logText(KEL_LOG_BIT_WARN, context,
                 "gave up joining %s on interface %s (index %d) after join_multicast_group_timeout "
                 "(%u ms): %s",
