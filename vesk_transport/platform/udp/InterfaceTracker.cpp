@@ -70,22 +70,33 @@ std::unique_ptr<InterfaceTracker> InterfaceTracker::start(Options options, Snaps
                    errno);
         }
     }
-    try {
-        tracker->thread_ = std::thread([t = tracker.get()] { t->run(); });
-    } catch (const std::system_error &error) {
-        report(KEL_LOG_BIT_WARN, tracker->options_, "not started: no thread", error.code().value());
+    const int error = pthread_create(
+        &tracker->thread_, nullptr,
+        [](void *self) -> void * {
+            auto *t = static_cast<InterfaceTracker *>(self);
+            try {
+                t->run();
+            } catch (...) {
+                report(KEL_LOG_BIT_ERROR, t->options_, "stopped: out of memory", ENOMEM);
+            }
+            return nullptr;
+        },
+        tracker.get());
+    if (error != 0) {
+        report(KEL_LOG_BIT_WARN, tracker->options_, "not started: no thread", error);
         return nullptr;  // the destructor closes the descriptors
     }
+    tracker->started_ = true;
     return tracker;
 }
 
 InterfaceTracker::~InterfaceTracker() {
     stop_.store(true);
-    if (thread_.joinable()) {
+    if (started_) {
         const std::uint64_t one = 1;
         // A full counter (never here) still leaves the descriptor readable.
         [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
-        thread_.join();
+        pthread_join(thread_, nullptr);
     }
     netlink_.close();
     if (wake_ >= 0) close(wake_);

@@ -8,10 +8,11 @@
 // poll period. A snapshot that equals the previous one is not handed on.
 #pragma once
 
+#include <pthread.h>
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <thread>
+
 #include <vector>
 
 #include "vesk_transport/platform/udp/Interfaces.hpp"
@@ -66,7 +67,10 @@ private:
     std::atomic<bool> stop_{false};
     std::atomic<bool> netlink_active_{false};
     bool retrying_ = false;  // the thread's own
-    std::thread thread_;
+    // A plain thread: its state lives in this object, so a process forked
+    // while it runs holds nothing unreachable.
+    pthread_t thread_{};
+    bool started_ = false;
 };
 
 }  // namespace vesk::udp

@@ -58,7 +58,6 @@ public:
 
 private:
     ::mnl_socket *socket_ = nullptr;
-    unsigned int sequence_ = 0;
 };
 
 }  // namespace vesk::udp::netlink
