@@ -94,7 +94,8 @@ TEST(Log, EveryTemplateRendersItsArgumentsIntoItsText) {
         ROW(DDS_LOG_GET_FAILURE_s, "s", "failed to get a"),
         ROW(DDS_LOG_SET_FAILURE_s, "s", "failed to set a"),
         ROW(DDS_LOG_OUT_OF_RESOURCES_s, "s", "out of resources: a"),
-        ROW(DDS_LOG_SEQUENCE_NOT_OWNER, "", "the sequence does not own its contents")};
+        ROW(DDS_LOG_SEQUENCE_NOT_OWNER, "", "the sequence does not own its contents"),
+        ROW(KEL_LOG_TRANSPORT_STATUS_TEMPLATE, nullptr, "transport: a|b")};
 #undef ROW
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
