@@ -170,6 +170,11 @@ TEST(ShmemConstructor, RefusesRecordsItCannotRunWith) {
              p.udp_debugging_port = 0;
          },
          "SHMEM transport: udp_debugging_port is outside 1..65535"},
+        {[](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 192;
+         },
+         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.message);

@@ -1,0 +1,386 @@
+// Shared-memory traffic between factory-built plugins: exchange across
+// processes, full ring, size and format refusals, killed peers, takeover,
+// UDP debugging copies, and nothing left behind.
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/ShmemPeers.hpp"
+#include "support/TestSupport.hpp"
+#include "vesk_transport/platform/Host.h"
+#include "vesk_transport/platform/shmem/Ring.hpp"
+
+namespace {
+
+using namespace vesk::test;
+using vesk::shmem::Header;
+using Buffer = VESK_Transport_Buffer_t;
+
+struct Receiver {
+    VESK_Transport_Plugin *plugin;
+    VESK_Transport_RecvResource_t resource = nullptr;
+    VESK_Transport_Port_t port;
+    bool open() { return plugin->create_recvresource_rrEA(plugin, &resource, &port, nullptr, 0); }
+    ~Receiver() {
+        if (resource != nullptr) plugin->destroy_recvresource_rrEA(plugin, &resource);
+    }
+    // One message (loaned or copied into into), as a string.
+    std::string take(std::string *into = nullptr) {
+        VESK_Transport_Message_t message{};
+        Buffer buffer{into ? static_cast<KEL_INT32>(into->size()) : 0,
+                      into ? into->data() : nullptr};
+        if (!plugin->receive_rEA(plugin, &resource, into ? &buffer : nullptr, &message, nullptr)) {
+            return "<none>";
+        }
+        std::string text(message.buffer.pointer, static_cast<std::size_t>(message.buffer.length));
+        plugin->return_loaned_buffer_rEA(plugin, &resource, &message, nullptr);
+        return text;
+    }
+};
+
+struct Sender {
+    VESK_Transport_Plugin *plugin;
+    VESK_Transport_SendResource_t resource = nullptr;
+    bool open(VESK_Transport_Port_t port) {
+        const VESK_Transport_Address_t address =
+            reinterpret_cast<const VESK_Transport_Shmem_Property_t *>(plugin->property)->shmemUUID;
+        return plugin->create_sendresource_srEA(plugin, &resource, &address, port, 0);
+    }
+    ~Sender() {
+        if (resource != nullptr) plugin->destroy_sendresource_srEA(plugin, &resource);
+    }
+    int send(const std::string &head, const std::string &tail = "") {
+        const Buffer buffers[2] = {
+            {static_cast<KEL_INT32>(head.size()), const_cast<char *>(head.data())},
+            {static_cast<KEL_INT32>(tail.size()), const_cast<char *>(tail.data())}};
+        return plugin->send(plugin, &resource, nullptr, 0, 0, buffers, tail.empty() ? 1 : 2,
+                            nullptr);
+    }
+};
+
+// The segment of a port, mapped for looking at its counters.
+struct Peek {
+    vesk::shmem::Mapping mapping;
+    Peek(int key, VESK_Transport_Port_t port) {
+        std::string reason;
+        EXPECT_TRUE(vesk::shmem::attachSegment(key, port, mapping, reason)) << reason;
+    }
+    ~Peek() { vesk::shmem::unmap(mapping); }
+    Header &header() { return *mapping.header; }
+};
+
+TEST_F(ShmemTraffic, TwoProcessesExchangeGatheredMessagesLoanedOrCopied) {
+    struct Row {
+        const char *what;
+        std::size_t size;
+        bool copied;
+    };
+    const Row rows[] = {{"empty", 0, false},
+                        {"64 B loaned", 64, false},
+                        {"8 KiB copied", 8192, true},
+                        {"64 KiB loaned", 65536, false}};
+    PluginPtr receiving = plugin();
+    Receiver receiver{receiving.get(), nullptr, 1};
+    ASSERT_TRUE(receiver.open());
+    const pid_t child = spawn([&] {
+        PluginPtr sending = plugin();
+        Sender sender{sending.get()};
+        if (!sender.open(1)) return 1;
+        for (const Row &row : rows) {
+            const std::string message(row.size, static_cast<char>('a' + row.size % 26));
+            if (!sender.send(message.substr(0, row.size / 2), message.substr(row.size / 2)))
+                return 2;
+        }
+        return 0;
+    });
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        std::string buffer(row.size + 1, '\0');
+        EXPECT_EQ(std::string(row.size, static_cast<char>('a' + row.size % 26)),
+                  receiver.take(row.copied ? &buffer : nullptr));
+    }
+    EXPECT_EQ(0, reap(child));
+}
+
+TEST_F(ShmemTraffic, AFullRingMakesTheWriterWaitItsLimitThenDrop) {
+    PluginPtr p =
+        plugin({{"received_message_count_max", "2"}, {"maxAllowedWriterDurationMillisec", "100"}});
+    Receiver receiver{p.get(), nullptr, 2};
+    Sender sender{p.get()};
+    ASSERT_TRUE(receiver.open() && sender.open(2));
+    EXPECT_TRUE(sender.send("one") && sender.send("two"));
+    LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, sender.send("three"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_EQ(log.summary(), std::vector<std::string>{
+                                 "KEL_LOG_ANY_FAILURE_s(SHMEM transport: dropped a message of 5 "
+                                 "bytes to port 2: its receive ring stayed full for 100 ms)"});
+    // A waiting writer goes on as soon as the reader gives a place back.
+    std::thread writer([&] { EXPECT_EQ(1, sender.send("four")); });
+    EXPECT_EQ("one", receiver.take());
+    writer.join();
+    EXPECT_EQ("two", receiver.take());
+    EXPECT_EQ("four", receiver.take());
+}
+
+TEST_F(ShmemTraffic, UnblockWakesABlockedReceive) {
+    PluginPtr p = plugin();
+    Receiver receiver{p.get(), nullptr, 3};
+    ASSERT_TRUE(receiver.open());
+    std::atomic<bool> returned{false};
+    std::thread reader([&] {
+        EXPECT_EQ("<none>", receiver.take());
+        returned = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(returned);
+    EXPECT_EQ(1, p->unblock_receive_rrEA(p.get(), &receiver.resource, nullptr));
+    reader.join();
+}
+
+TEST_F(ShmemTraffic, SizesAboveALimitAreRefusedWithBothSizes) {
+    PluginPtr small =
+        plugin({{"parent.message_size_max", "1024"}, {"receive_buffer_size", "4096"}});
+    PluginPtr big = plugin({{"parent.gather_send_buffer_count_max", "1"}});
+    Receiver receiver{small.get(), nullptr, 4};
+    Sender fromSmall{small.get()}, fromBig{big.get()};
+    ASSERT_TRUE(receiver.open() && fromSmall.open(4) && fromBig.open(4));
+    struct Row {
+        Sender *sender;
+        std::size_t size;
+        const char *tail;
+        const char *message;
+    };
+    const Row rows[] = {
+        {&fromSmall, 1025, "", "message of 1025 bytes is above message_size_max 1024"},
+        {&fromBig, 2000, "",
+         "message of 2000 bytes does not fit the receiver on port 4 "
+         "(message_size_max 1024, ring of 4096 bytes)"},
+        {&fromBig, 10, "x", "2 buffers to gather, above gather_send_buffer_count_max 1"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.message);
+        LogCapture log;
+        EXPECT_EQ(0, row.sender->send(std::string(row.size, 'm'), row.tail));
+        EXPECT_EQ(log.summary(),
+                  std::vector<std::string>{std::string("KEL_LOG_ANY_FAILURE_s(SHMEM transport: ") +
+                                           row.message + ")"});
+    }
+}
+
+TEST_F(ShmemTraffic, FormatPairsInteroperateOrRefuseNamingBoth) {
+    const int formats[] = {1, 2, 4, 5};
+    const bool robust = KELOsapiSharedMemorySemMutex_useRobustMutex() != 0;
+    VESK_Transport_Port_t port = 5;
+    for (int segment : formats) {
+        if (segment == 5 && !robust) continue;
+        PluginPtr receiving = plugin();
+        auto *record = const_cast<VESK_Transport_Shmem_Property_t *>(
+            reinterpret_cast<const VESK_Transport_Shmem_Property_t *>(receiving->property));
+        record->majorVersion = static_cast<KEL_INT16>(segment);
+        Receiver receiver{receiving.get(), nullptr, port};
+        ASSERT_TRUE(receiver.open());
+        for (int writer : formats) {
+            SCOPED_TRACE("writer " + std::to_string(writer) + ", segment " +
+                         std::to_string(segment));
+            PluginPtr writing = plugin();
+            const_cast<VESK_Transport_Shmem_Property_t *>(
+                reinterpret_cast<const VESK_Transport_Shmem_Property_t *>(writing->property))
+                ->majorVersion = static_cast<KEL_INT16>(writer);
+            bool expected = false;
+            for (auto pair : vesk::shmem::kWritableFormats) {
+                expected = expected || (pair.writer == writer && pair.segment == segment);
+            }
+            LogCapture log;
+            Sender sender{writing.get()};
+            ASSERT_EQ(expected, sender.open(port));
+            if (expected) {
+                EXPECT_TRUE(sender.send("v", std::to_string(writer)));
+                EXPECT_EQ("v" + std::to_string(writer), receiver.take());
+            } else {
+                EXPECT_EQ(
+                    log.summary(),
+                    std::vector<std::string>{
+                        "KEL_LOG_ANY_FAILURE_s(SHMEM transport: segment of port " +
+                        std::to_string(port) + " has format " + std::to_string(segment) +
+                        ", which a format " + std::to_string(writer) + " writer cannot write)"});
+            }
+        }
+        ++port;
+    }
+}
+
+// A writer killed while it holds the lock in the middle of a message: the
+// torn message is never delivered, the next writer goes on, for the robust
+// mutex and for the semaphore.
+TEST_F(ShmemTraffic, AWriterKilledMidMessageDeliversNothingTorn) {
+    if (underValgrind())
+        GTEST_SKIP() << "the lock recovery after SIGKILL is not run under valgrind";
+    const int formats[] = {5, 4};
+    VESK_Transport_Port_t port = 9;
+    for (int format : formats) {
+        SCOPED_TRACE("format " + std::to_string(format));
+        if (format == 5 && KELOsapiSharedMemorySemMutex_useRobustMutex() == 0) continue;
+        PluginPtr p = plugin();
+        const_cast<VESK_Transport_Shmem_Property_t *>(
+            reinterpret_cast<const VESK_Transport_Shmem_Property_t *>(p->property))
+            ->majorVersion = static_cast<KEL_INT16>(format);
+        Receiver receiver{p.get(), nullptr, port};
+        ASSERT_TRUE(receiver.open());
+        const pid_t child = spawn([&] {
+            Peek peek(base + static_cast<int>(port), port);
+            Header &header = peek.header();
+            if (!vesk::shmem::lockRing(header)) return 1;
+            vesk::shmem::Descriptor &slot =
+                vesk::shmem::descriptors(&header)[header.write_seq % header.slot_count];
+            slot.state = vesk::shmem::kWriting;
+            slot.length = 100;
+            std::memset(vesk::shmem::dataArea(&header), 't', 50);
+            raise(SIGKILL);
+            return 2;
+        });
+        EXPECT_EQ(-SIGKILL, reap(child));
+        Sender sender{p.get()};
+        ASSERT_TRUE(sender.open(port));
+        EXPECT_TRUE(sender.send("whole"));
+        EXPECT_EQ("whole", receiver.take());
+        Peek peek(base + static_cast<int>(port), port);
+        EXPECT_EQ(1u, peek.header().torn);
+        ++port;
+    }
+}
+
+// A receiving process that is killed while blocked, or that exits without
+// cleaning up, leaves a segment that the next receiver on the port takes
+// over; a writer attached to the old one follows to the new one.
+TEST_F(ShmemTraffic, ADeadReceiverDoesNotBlockTheNextRun) {
+    struct Row {
+        const char *what;
+        bool killed;
+    };
+    const Row rows[] = {{"killed while receiving", true}, {"exited without clean-up", false}};
+    VESK_Transport_Port_t port = 11;
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        PluginPtr p = plugin();
+        const pid_t child = spawn([&] {
+            Receiver receiver{p.get(), nullptr, port};
+            if (!receiver.open()) return 1;
+            if (row.killed) receiver.take();
+            _exit(0);  // no destructor: the segment stays
+        });
+        Sender sender{p.get()};
+        ASSERT_TRUE(eventually([&] {
+            LogCapture quiet;
+            return sender.open(port);
+        }));
+        if (row.killed) kill(child, SIGKILL);
+        reap(child);
+        Receiver receiver{p.get(), nullptr, port};
+        ASSERT_TRUE(receiver.open());
+        EXPECT_TRUE(sender.send("after"));
+        EXPECT_EQ("after", receiver.take());
+        ++port;
+    }
+}
+
+TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
+    PluginPtr p = plugin();
+    PluginPtr off = plugin({{"CORE_6518_unit_test_disable_shmem", "TRUE"}});
+    Receiver holder{p.get(), nullptr, 13};
+    ASSERT_TRUE(holder.open());
+    const std::string pid = std::to_string(getpid());
+    const VESK_Transport_Address_t multicast{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 239, 255, 0, 1}};
+    struct Row {
+        const char *what;
+        std::function<int()> call;
+        std::string reason;
+    };
+    VESK_Transport_RecvResource_t r = nullptr;
+    VESK_Transport_SendResource_t s = nullptr;
+    VESK_Transport_Port_t port13 = 13, port14 = 14, port0 = 0;
+    VESK_Transport_Address_t own = addressOf(p.get()), other = multicast;
+    const std::string name = vesk::shmem::segmentName(base + 14);
+    const Row rows[] = {
+        {"switched off",
+         [&] { return off->create_recvresource_rrEA(off.get(), &r, &port14, nullptr, 0); },
+         "shared memory is switched off (reserved = 1): use UDP"},
+        {"multicast",
+         [&] { return p->create_recvresource_rrEA(p.get(), &r, &port14, &multicast, 0); },
+         "shared memory has no multicast: use UDP for multicast receive"},
+        {"port 0", [&] { return p->create_recvresource_rrEA(p.get(), &r, &port0, nullptr, 0); },
+         "port 0: give the port to receive on"},
+        {"port in use",
+         [&] { return p->create_recvresource_rrEA(p.get(), &r, &port13, nullptr, 0); },
+         "port 13 is in use by process " + pid},
+        {"another host", [&] { return p->create_sendresource_srEA(p.get(), &s, &other, 13, 0); },
+         "destination is not this host's shared-memory address: use UDP"},
+        {"no receiver", [&] { return p->create_sendresource_srEA(p.get(), &s, &own, 14, 0); },
+         "no segment " + name +
+             " for port 14 in this IPC namespace (no receiver, or the receiver is "
+             "in another container): use UDP"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        LogCapture log;
+        EXPECT_EQ(0, row.call());
+        EXPECT_EQ(log.summary(), std::vector<std::string>{
+                                     "KEL_LOG_ANY_FAILURE_s(SHMEM transport: " + row.reason + ")"});
+    }
+    if (getuid() != 0) return;
+    // Another user cannot open the segment (mode 0600).
+    const pid_t child = spawn([&] {
+        if (setresuid(65534, 65534, 65534) != 0) return 3;
+        LogCapture log;
+        if (p->create_sendresource_srEA(p.get(), &s, &own, 13, 0) != 0) return 1;
+        const auto summary = log.summary();
+        return summary.size() == 1 && summary[0].find("no permission to open") != std::string::npos
+                   ? 0
+                   : 2;
+    });
+    EXPECT_EQ(0, reap(child));
+}
+
+// The debugging copy of a message, observed on the loopback of a network
+// namespace of the test's own.
+TEST_F(ShmemTraffic, UdpDebuggingCopiesEachMessageToLoopback) {
+    const pid_t child = spawn([&] {
+        if (unshare(CLONE_NEWNET) != 0) return 77;
+        const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ifreq request{};
+        std::strcpy(request.ifr_name, "lo");
+        request.ifr_flags = IFF_UP;
+        if (ioctl(control, SIOCSIFFLAGS, &request) != 0) return 3;
+        close(control);
+        const int listener = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in at{};
+        at.sin_family = AF_INET;
+        at.sin_port = htons(7399);
+        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(listener, reinterpret_cast<sockaddr *>(&at), sizeof at) != 0) return 4;
+        PluginPtr p =
+            plugin({{"enable_udp_debugging", "1"}, {"udp_debugging_address", "127.0.0.1"}});
+        Receiver receiver{p.get(), nullptr, 15};
+        Sender sender{p.get()};
+        if (!p || !receiver.open() || !sender.open(15) || !sender.send("seen ", "twice")) return 5;
+        pollfd ready{listener, POLLIN, 0};
+        char copy[64] = {};
+        if (poll(&ready, 1, 1000) != 1 || recv(listener, copy, sizeof copy, 0) != 10) return 6;
+        close(listener);
+        return std::string(copy) == "seen twice" && receiver.take() == "seen twice" ? 0 : 7;
+    });
+    const int status = reap(child);
+    if (status == 77) GTEST_SKIP() << "cannot make a network namespace here";
+    EXPECT_EQ(0, status);
+}
+
+}  // namespace
