@@ -223,8 +223,6 @@ TEST_F(ShmemTraffic, FormatPairsInteroperateOrRefuseNamingBoth) {
 // torn message is never delivered, the next writer goes on, for the robust
 // mutex and for the semaphore.
 TEST_F(ShmemTraffic, AWriterKilledMidMessageDeliversNothingTorn) {
-    if (underValgrind())
-        GTEST_SKIP() << "the lock recovery after SIGKILL is not run under valgrind";
     const int formats[] = {5, 4};
     VESK_Transport_Port_t port = 9;
     for (int format : formats) {

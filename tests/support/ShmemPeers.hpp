@@ -41,11 +41,6 @@ inline int countEntries(const char *directory, const char *prefix) {
     return count;
 }
 
-inline bool underValgrind() {
-    const char *preload = std::getenv("LD_PRELOAD");
-    return preload != nullptr && std::strstr(preload, "vgpreload") != nullptr;
-}
-
 // Keys of this test process only (its pid in the offsets), so parallel runs
 // never meet; every segment of these keys is removed when the fixture ends,
 // and descriptors and segments must be back to what they were.
