@@ -132,6 +132,29 @@ TEST_F(ShmemTraffic, AFullRingMakesTheWriterWaitItsLimitThenDrop) {
     EXPECT_EQ("four", receiver.take());
 }
 
+// Two threads sending through one resource while a third receives: each
+// sender's messages arrive whole and in its order.
+TEST_F(ShmemTraffic, ConcurrentSendersKeepTheirOrder) {
+    PluginPtr p = plugin({{"received_message_count_max", "4"}});
+    Receiver receiver{p.get(), nullptr, 16};
+    Sender sender{p.get()};
+    ASSERT_TRUE(receiver.open() && sender.open(16));
+    constexpr int kEach = 200;
+    auto run = [&](char who) {
+        for (int i = 0; i < kEach; ++i)
+            EXPECT_EQ(1, sender.send(std::string(1, who), std::to_string(i)));
+    };
+    std::thread a(run, 'a'), b(run, 'b');
+    int next[2] = {0, 0};
+    for (int i = 0; i < 2 * kEach; ++i) {
+        const std::string message = receiver.take();
+        ASSERT_TRUE(message[0] == 'a' || message[0] == 'b') << message;
+        EXPECT_EQ(std::to_string(next[message[0] - 'a']++), message.substr(1));
+    }
+    a.join();
+    b.join();
+}
+
 TEST_F(ShmemTraffic, UnblockWakesABlockedReceive) {
     PluginPtr p = plugin();
     Receiver receiver{p.get(), nullptr, 3};
@@ -283,6 +306,15 @@ TEST_F(ShmemTraffic, ADeadReceiverDoesNotBlockTheNextRun) {
         }));
         if (row.killed) kill(child, SIGKILL);
         reap(child);
+        const std::string name = vesk::shmem::segmentName(base + static_cast<int>(port));
+        int listed = 0;
+        for (const auto &segment : vesk::shmem::listSegments()) {
+            if (segment.name != name) continue;
+            ++listed;
+            EXPECT_FALSE(segment.alive);
+            EXPECT_EQ(child, segment.header.creator_pid);
+        }
+        EXPECT_EQ(1, listed);
         Receiver receiver{p.get(), nullptr, port};
         ASSERT_TRUE(receiver.open());
         EXPECT_TRUE(sender.send("after"));

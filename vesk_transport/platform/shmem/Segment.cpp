@@ -1,6 +1,7 @@
 // Segment naming, creation, takeover of abandoned segments and attaching.
 #include "vesk_transport/platform/shmem/Segment.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -261,6 +262,32 @@ bool attachSegment(std::int32_t segment_key, std::uint32_t port, Mapping &out,
     }
     munmap(map, size);
     return false;
+}
+
+std::vector<SegmentInfo> listSegments() {
+    std::vector<SegmentInfo> found;
+    DIR *directory = opendir("/dev/shm");
+    if (directory == nullptr) return found;
+    const std::string prefix = kNamePrefix + 1;  // without the '/'
+    while (const dirent *entry = readdir(directory)) {
+        if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) != 0) continue;
+        SegmentInfo info{std::string("/") + entry->d_name, {}, false};
+        const int fd = shm_open(info.name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+        struct stat status {};
+        if (fd >= 0 && fstat(fd, &status) == 0 &&
+            static_cast<std::size_t>(status.st_size) >= sizeof(Header)) {
+            if (void *map = mmap(nullptr, sizeof(Header), PROT_READ, MAP_SHARED, fd, 0);
+                map != MAP_FAILED) {
+                std::memcpy(static_cast<void *>(&info.header), map, sizeof(Header));
+                munmap(map, sizeof(Header));
+                info.alive = info.header.magic == kMagic && creatorAlive(info.header);
+            }
+        }
+        if (fd >= 0) close(fd);
+        found.push_back(info);
+    }
+    closedir(directory);
+    return found;
 }
 
 bool canWrite(int writer_format, int segment_format) {

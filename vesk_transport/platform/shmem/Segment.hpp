@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace vesk::shmem {
 
@@ -120,6 +121,17 @@ void destroySegment(Mapping &mapping, std::int32_t segment_key);
 bool attachSegment(std::int32_t segment_key, std::uint32_t port, Mapping &out, std::string &reason);
 
 void unmap(Mapping &mapping);
+
+// One segment of this host (this IPC namespace), for diagnosis: a copy of
+// its header (magic 0 when it could not be read) and whether its creator
+// is alive (pid and start time; a pid of another pid namespace reads as
+// dead).
+struct SegmentInfo {
+    std::string name;
+    Header header;
+    bool alive;
+};
+std::vector<SegmentInfo> listSegments();
 
 // Which segment formats a writer of each format can write (rows of
 // writer, segment); every other pair is refused.
