@@ -87,7 +87,8 @@ TEST_F(ShmemTraffic, TwoProcessesExchangeGatheredMessagesLoanedOrCopied) {
                         {"64 B loaned", 64, false},
                         {"8 KiB copied", 8192, true},
                         {"64 KiB loaned", 65536, false}};
-    PluginPtr receiving = plugin();
+    // Loaned when no buffer is given, else copied.
+    PluginPtr receiving = plugin({{"parent.properties_bitmap", "0"}});
     Receiver receiver{receiving.get(), nullptr, 1};
     ASSERT_TRUE(receiver.open());
     const pid_t child = spawn([&] {
@@ -155,19 +156,79 @@ TEST_F(ShmemTraffic, ConcurrentSendersKeepTheirOrder) {
     b.join();
 }
 
-TEST_F(ShmemTraffic, UnblockWakesABlockedReceive) {
+// A blocked receive returns 0 when unblocked, and when its resource is
+// destroyed (destroy waits until it has left).
+TEST_F(ShmemTraffic, UnblockOrDestroyWakesABlockedReceive) {
+    for (const bool destroy : {false, true}) {
+        SCOPED_TRACE(destroy ? "destroy" : "unblock");
+        PluginPtr p = plugin();
+        Receiver receiver{p.get(), nullptr, 3};
+        ASSERT_TRUE(receiver.open());
+        VESK_Transport_RecvResource_t resource = receiver.resource;
+        std::atomic<bool> returned{false};
+        std::thread reader([&] {
+            VESK_Transport_Message_t message{};
+            EXPECT_EQ(0, p->receive_rEA(p.get(), &resource, nullptr, &message, nullptr));
+            returned = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_FALSE(returned);
+        if (destroy) {
+            p->destroy_recvresource_rrEA(p.get(), &resource);
+            receiver.resource = nullptr;
+        } else {
+            EXPECT_EQ(1, p->unblock_receive_rrEA(p.get(), &resource, nullptr));
+        }
+        reader.join();
+    }
+}
+
+// A copied message longer than the caller's buffer is dropped with a
+// warning and the next one is delivered.
+TEST_F(ShmemTraffic, CopyingDropsWhatDoesNotFitAndTakesTheNext) {
+    PluginPtr p = plugin({{"parent.properties_bitmap", "0"}});
+    Receiver receiver{p.get(), nullptr, 3};
+    Sender sender{p.get()};
+    ASSERT_TRUE(receiver.open() && sender.open(3));
+    EXPECT_TRUE(sender.send("too long") && sender.send("fits"));
+    LogCapture log;
+    std::string buffer(4, '\0');
+    EXPECT_EQ("fits", receiver.take(&buffer));
+    EXPECT_EQ(log.summary(),
+              std::vector<std::string>{
+                  "KEL_LOG_ANY_FAILURE_s(SHMEM transport: dropped a message of 8 bytes "
+                  "on port 3: the receive buffer holds 4)"});
+}
+
+// Shares are counted; the creator's share is never undone.
+TEST_F(ShmemTraffic, SharesCountAndMustMatch) {
     PluginPtr p = plugin();
     Receiver receiver{p.get(), nullptr, 3};
-    ASSERT_TRUE(receiver.open());
-    std::atomic<bool> returned{false};
-    std::thread reader([&] {
-        EXPECT_EQ("<none>", receiver.take());
-        returned = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(returned);
-    EXPECT_EQ(1, p->unblock_receive_rrEA(p.get(), &receiver.resource, nullptr));
-    reader.join();
+    Sender sender{p.get()};
+    ASSERT_TRUE(receiver.open() && sender.open(3));
+    VESK_Transport_Address_t own = addressOf(p.get());
+    LogCapture log;
+    EXPECT_EQ(1, p->share_recvresource_rrEA(p.get(), &receiver.resource, nullptr, 3, 0));
+    EXPECT_EQ(0, p->share_recvresource_rrEA(p.get(), &receiver.resource, nullptr, 4, 0));
+    EXPECT_EQ(1, p->unshare_recvresource_rrEA(p.get(), &receiver.resource, nullptr, 3));
+    EXPECT_EQ(0, p->unshare_recvresource_rrEA(p.get(), &receiver.resource, nullptr, 3));
+    EXPECT_EQ(1, p->share_sendresource_srEA(p.get(), &sender.resource, &own, 3, 0));
+    EXPECT_EQ(1, p->unshare_sendresource_srEA(p.get(), &sender.resource, &own, 3, 0));
+    EXPECT_EQ(0, p->unshare_sendresource_srEA(p.get(), &sender.resource, &own, 3, 0));
+    EXPECT_EQ(log.summary(),
+              (std::vector<std::string>{
+                  "KEL_LOG_ANY_FAILURE_s(SHMEM transport: the resource's port (3) or address "
+                  "differs: not shared)",
+                  "KEL_LOG_ANY_FAILURE_s(SHMEM transport: no share of the resource to undo (the "
+                  "creator's stays until destroy))",
+                  "KEL_LOG_ANY_FAILURE_s(SHMEM transport: no share of the resource to undo (the "
+                  "creator's stays until destroy))"}));
+    // A new destination: the resource now writes to port 4's segment.
+    Receiver other{p.get(), nullptr, 4};
+    ASSERT_TRUE(other.open());
+    EXPECT_EQ(1, p->update_destination(p.get(), &sender.resource, &own, 4));
+    EXPECT_TRUE(sender.send("moved"));
+    EXPECT_EQ("moved", other.take());
 }
 
 TEST_F(ShmemTraffic, SizesAboveALimitAreRefusedWithBothSizes) {
@@ -188,7 +249,7 @@ TEST_F(ShmemTraffic, SizesAboveALimitAreRefusedWithBothSizes) {
         {&fromBig, 2000, "",
          "message of 2000 bytes does not fit the receiver on port 4 "
          "(message_size_max 1024, ring of 4096 bytes)"},
-        {&fromBig, 10, "x", "2 buffers to gather, above gather_send_buffer_count_max 1"},
+        {&fromBig, 10, "x", "2 buffers to gather, outside 1..gather_send_buffer_count_max 1"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.message);

@@ -38,6 +38,9 @@ struct RecvResource {
     Mapping mapping;
     VESK_Transport_Port_t port = 0;
     std::int32_t key = 0;
+    std::atomic<int> shares{0};     // beyond the creator's
+    std::atomic<int> receiving{0};  // threads inside receive_rEA
+    std::atomic<bool> closing{false};
 };
 
 struct SendResource {
@@ -46,6 +49,7 @@ struct SendResource {
     Mapping mapping;
     VESK_Transport_Address_t address{};
     VESK_Transport_Port_t port = 0;
+    std::atomic<int> shares{0};
 };
 
 struct ShmemPlugin {
@@ -194,9 +198,15 @@ bool openDebugSocket(ShmemPlugin &plugin) {
     return true;
 }
 
-void destroyReceiver(ShmemPlugin &plugin, RecvResource *resource) {
+// Wakes a receiver still inside receive_rEA and waits until it has left.
+void destroyReceiver(RecvResource *resource) {
+    resource->closing.store(true);
+    while (resource->receiving.load() > 0) {
+        requestUnblock(*resource->mapping.header);
+        timespec pause{0, 1000000L};
+        nanosleep(&pause, nullptr);
+    }
     destroySegment(resource->mapping, resource->key);
-    (void)plugin;
     release(resource);
 }
 
@@ -209,6 +219,66 @@ bool unlink(T *&head, T *item) {
         }
     }
     return false;
+}
+
+// One message for receive_rEA: 1 with a message, 0 when woken or closing.
+int receiveOne(ShmemPlugin &plugin, RecvResource &resource, const VESK_Transport_Buffer_t *buffer,
+               VESK_Transport_Message_t &message) {
+    constexpr const char *function = "receive_rEA";
+    Header &header = *resource.mapping.header;
+    const bool loan = (plugin.property.parent.properties_bitmap &
+                       VESK_TRANSPORT_PROPERTY_BIT_BUFFER_ALWAYS_LOANED) != 0 ||
+                      buffer == nullptr;
+    for (;;) {
+        if (resource.closing.load()) return 0;
+        Delivery delivery;
+        switch (takeMessage(header, delivery)) {
+            case ReadResult::unblocked:
+                return 0;
+            case ReadResult::lockFailed:
+                return fail(function, "the lock of the segment of port %u is unusable",
+                            resource.port);
+            case ReadResult::message:
+                break;
+        }
+        if (loan) {
+            message.buffer = {static_cast<KEL_INT32>(delivery.length),
+                              reinterpret_cast<char *>(delivery.data)};
+            // The sequence + 1: never NULL.
+            message.loaned_buffer_param = reinterpret_cast<void *>(delivery.sequence + 1);
+            return 1;
+        }
+        const bool fits =
+            buffer->length >= 0 && delivery.length <= static_cast<std::uint32_t>(buffer->length);
+        if (fits) std::memcpy(buffer->pointer, delivery.data, delivery.length);
+        releaseMessage(header, delivery.sequence);
+        if (fits) {
+            message.buffer = {static_cast<KEL_INT32>(delivery.length), buffer->pointer};
+            return 1;
+        }
+        warn(function, "dropped a message of " + std::to_string(delivery.length) +
+                           " bytes on port " + std::to_string(resource.port) +
+                           ": the receive buffer holds " + std::to_string(buffer->length));
+    }
+}
+
+template <class Resource>
+int share(Resource *resource, bool same, bool more, const char *function) {
+    if (!same) {
+        warn(function, "the resource's port (" + std::to_string(resource->port) +
+                           ") or address differs: not shared");
+        return 0;
+    }
+    if (more) {
+        resource->shares.fetch_add(1);
+        return 1;
+    }
+    int shares = resource->shares.load();
+    while (shares > 0 && !resource->shares.compare_exchange_weak(shares, shares - 1)) {
+    }
+    if (shares > 0) return 1;
+    warn(function, "no share of the resource to undo (the creator's stays until destroy)");
+    return 0;
 }
 
 const char *switchedOff = "shared memory is switched off (reserved = 1): use UDP";
@@ -234,7 +304,7 @@ static void shmemDelete(VESK_Transport_Plugin *self, void *) {
     if (plugin == nullptr) return;
     while (RecvResource *resource = plugin->receivers) {
         plugin->receivers = resource->next;
-        destroyReceiver(*plugin, resource);
+        destroyReceiver(resource);
     }
     while (SendResource *resource = plugin->senders) {
         plugin->senders = resource->next;
@@ -358,7 +428,7 @@ static void shmemDestroyRecvResource(VESK_Transport_Plugin *self,
         std::lock_guard guard(plugin->resources);
         found = unlink(plugin->receivers, resource);
     }
-    if (found) destroyReceiver(*plugin, resource);
+    if (found) destroyReceiver(resource);
 }
 
 static int shmemShareRecvResource(VESK_Transport_Plugin *self,
@@ -366,15 +436,19 @@ static int shmemShareRecvResource(VESK_Transport_Plugin *self,
                                   const VESK_Transport_Address_t *multicast_address_in,
                                   VESK_Transport_Port_t receive_port_in, KEL_INT32) {
     if (shmemPlugin(self) == nullptr || recvresource_in == nullptr) return 0;
-    const auto *resource = static_cast<const RecvResource *>(*recvresource_in);
-    return resource->port == receive_port_in && isNoAddress(multicast_address_in) ? 1 : 0;
+    auto *resource = static_cast<RecvResource *>(*recvresource_in);
+    return share(resource, resource->port == receive_port_in && isNoAddress(multicast_address_in),
+                 true, "share_recvresource_rrEA");
 }
 
 static int shmemUnshareRecvResource(VESK_Transport_Plugin *self,
                                     const VESK_Transport_RecvResource_t *recvresource_in,
                                     const VESK_Transport_Address_t *multicast_address_in,
                                     VESK_Transport_Port_t receive_port_in) {
-    return shmemShareRecvResource(self, recvresource_in, multicast_address_in, receive_port_in, 0);
+    if (shmemPlugin(self) == nullptr || recvresource_in == nullptr) return 0;
+    auto *resource = static_cast<RecvResource *>(*recvresource_in);
+    return share(resource, resource->port == receive_port_in && isNoAddress(multicast_address_in),
+                 false, "unshare_recvresource_rrEA");
 }
 
 static int shmemCreateSendResource(VESK_Transport_Plugin *self,
@@ -433,40 +507,77 @@ static int shmemShareSendResource(VESK_Transport_Plugin *self,
     if (shmemPlugin(self) == nullptr || sendresource_in == nullptr || dest_address_in == nullptr) {
         return 0;
     }
-    const auto *resource = static_cast<const SendResource *>(*sendresource_in);
-    return resource->port == dest_port_in && sameAddress(resource->address, *dest_address_in) ? 1
-                                                                                              : 0;
+    auto *resource = static_cast<SendResource *>(*sendresource_in);
+    return share(resource,
+                 resource->port == dest_port_in && sameAddress(resource->address, *dest_address_in),
+                 true, "share_sendresource_srEA");
 }
 
 static int shmemUnshareSendResource(VESK_Transport_Plugin *self,
                                     const VESK_Transport_SendResource_t *sendresource_in,
                                     const VESK_Transport_Address_t *dest_address_in,
                                     VESK_Transport_Port_t dest_port_in, KEL_INT32) {
-    return shmemShareSendResource(self, sendresource_in, dest_address_in, dest_port_in, 0);
+    if (shmemPlugin(self) == nullptr || sendresource_in == nullptr || dest_address_in == nullptr) {
+        return 0;
+    }
+    auto *resource = static_cast<SendResource *>(*sendresource_in);
+    return share(resource,
+                 resource->port == dest_port_in && sameAddress(resource->address, *dest_address_in),
+                 false, "unshare_sendresource_srEA");
 }
 
+// Points the resource at another port's segment (same host only).
 static int shmemUpdateDestination(VESK_Transport_Plugin *self,
                                   const VESK_Transport_SendResource_t *sendresource_in,
                                   const VESK_Transport_Address_t *dest_address_in,
                                   VESK_Transport_Port_t dest_port_in) {
-    return shmemShareSendResource(self, sendresource_in, dest_address_in, dest_port_in, 0);
+    constexpr const char *function = "update_destination";
+    ShmemPlugin *plugin = shmemPlugin(self);
+    if (plugin == nullptr || sendresource_in == nullptr || *sendresource_in == nullptr ||
+        dest_address_in == nullptr) {
+        return 0;
+    }
+    if (!sameAddress(*dest_address_in, plugin->property.shmemUUID)) {
+        return fail(function, "destination is not this host's shared-memory address: use UDP");
+    }
+    if (!portUsable(plugin->property, dest_port_in)) {
+        return fail(function, "port %u gives a key outside 1..2147483647", dest_port_in);
+    }
+    auto *resource = static_cast<SendResource *>(*sendresource_in);
+    Mapping next;
+    if (!attachFor(*plugin, *dest_address_in, dest_port_in, next, function)) return 0;
+    std::lock_guard guard(resource->lock);
+    unmap(resource->mapping);
+    resource->mapping = next;
+    resource->address = *dest_address_in;
+    resource->port = dest_port_in;
+    return 1;
 }
 
 static int shmemSend(VESK_Transport_Plugin *self,
                      const VESK_Transport_SendResource_t *sendresource_in,
-                     const VESK_Transport_Address_t *, VESK_Transport_Port_t, KEL_INT32,
+                     const VESK_Transport_Address_t *dest_address_in,
+                     VESK_Transport_Port_t dest_port_in, KEL_INT32,
                      const struct VESK_Transport_Buffer_t buffer_in[], KEL_INT32 buffer_count_in,
                      void *) {
     constexpr const char *function = "send";
     ShmemPlugin *plugin = shmemPlugin(self);
     if (plugin == nullptr || sendresource_in == nullptr || *sendresource_in == nullptr ||
-        buffer_count_in < 0 || (buffer_in == nullptr && buffer_count_in > 0)) {
+        buffer_in == nullptr) {
         return fail(function, "no plugin, resource or buffers given");
     }
     const VESK_Transport_Shmem_Property_t &p = plugin->property;
-    if (buffer_count_in > p.parent.gather_send_buffer_count_max) {
-        return fail(function, "%d buffers to gather, above gather_send_buffer_count_max %d",
+    if (buffer_count_in < 1 || buffer_count_in > p.parent.gather_send_buffer_count_max) {
+        return fail(function, "%d buffers to gather, outside 1..gather_send_buffer_count_max %d",
                     buffer_count_in, p.parent.gather_send_buffer_count_max);
+    }
+    auto *resource = static_cast<SendResource *>(*sendresource_in);
+    if (dest_address_in != nullptr &&
+        (dest_port_in != resource->port || !sameAddress(*dest_address_in, resource->address))) {
+        return fail(function,
+                    "send to port %u through the resource of port %u: create a send resource for "
+                    "that port",
+                    dest_port_in, resource->port);
     }
     std::int64_t total = 0;
     for (int i = 0; i < buffer_count_in; ++i) {
@@ -480,7 +591,6 @@ static int shmemSend(VESK_Transport_Plugin *self,
         return fail(function, "message of %lld bytes is above message_size_max %d",
                     static_cast<long long>(total), p.parent.message_size_max);
     }
-    auto *resource = static_cast<SendResource *>(*sendresource_in);
     std::lock_guard guard(resource->lock);
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (resource->mapping.header == nullptr ||
@@ -533,36 +643,11 @@ static int shmemReceive(VESK_Transport_Plugin *self,
     }
     *message_out = {{0, nullptr}, nullptr};
     auto *resource = static_cast<RecvResource *>(*recvresource_in);
-    Header &header = *resource->mapping.header;
-    Delivery delivery;
-    switch (takeMessage(header, delivery)) {
-        case ReadResult::unblocked:
-            return 0;
-        case ReadResult::lockFailed:
-            return fail(function, "the lock of the segment of port %u is unusable", resource->port);
-        case ReadResult::message:
-            break;
-    }
-    const bool loan = (plugin->property.parent.properties_bitmap &
-                       VESK_TRANSPORT_PROPERTY_BIT_BUFFER_ALWAYS_LOANED) != 0 ||
-                      buffer_in == nullptr;
-    if (loan) {
-        message_out->buffer = {static_cast<KEL_INT32>(delivery.length),
-                               reinterpret_cast<char *>(delivery.data)};
-        // The sequence + 1: never NULL.
-        message_out->loaned_buffer_param = reinterpret_cast<void *>(delivery.sequence + 1);
-        return 1;
-    }
-    const bool fits =
-        buffer_in->length >= 0 && delivery.length <= static_cast<std::uint32_t>(buffer_in->length);
-    if (fits) std::memcpy(buffer_in->pointer, delivery.data, delivery.length);
-    releaseMessage(header, delivery.sequence);
-    if (!fits) {
-        return fail(function, "dropped a message of %u bytes: the receive buffer holds %d",
-                    delivery.length, buffer_in->length);
-    }
-    message_out->buffer = {static_cast<KEL_INT32>(delivery.length), buffer_in->pointer};
-    return 1;
+    // destroy waits for this count to drop to 0 before it unmaps.
+    resource->receiving.fetch_add(1);
+    const int result = receiveOne(*plugin, *resource, buffer_in, *message_out);
+    resource->receiving.fetch_sub(1);
+    return result;
 }
 
 static void shmemReturnLoanedBuffer(VESK_Transport_Plugin *self,
