@@ -3,11 +3,13 @@
 // Names:
 //   Throughput/Shmem/<bytes>   messages from one shared-memory plugin to
 //                              another (receiver on its own thread)
-//   Throughput/Udp/<bytes>     the same bytes as datagrams over 127.0.0.1
-//   PingPong/Shmem, PingPong/Udp   one 64-byte round trip
-// The UDP side is plain sendmsg/recvmsg on two sockets: the baseline any
-// UDP transport pays at least. Both sides keep at most kWindow messages in
-// flight, so neither can run ahead of its receiver.
+//   Throughput/UdpPlugin/<bytes>  the same through two factory-built UDPv4
+//                              plugins over 127.0.0.1
+//   Throughput/Udp/<bytes>     the same as plain sendmsg/recvmsg on two
+//                              sockets: what any UDP transport pays at least
+//   PingPong/Shmem, PingPong/UdpPlugin, PingPong/Udp   one 64-byte round trip
+// Every link keeps at most kWindow messages in flight, so no sender can run
+// ahead of its receiver.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -85,6 +87,54 @@ struct Shmem {
     }
     void sendToB(char *data, int length) { send(a, toB, data, length); }
     void sendToA(char *data, int length) { send(b, toA, data, length); }
+    bool receiveAtB() { return receive(b, inB); }
+    bool receiveAtA() { return receive(a, inA); }
+    void stopB() { b->unblock_receive_rrEA(b, &inB, nullptr); }
+};
+
+// ------------------------------------------------------------ UDPv4 plugins
+
+struct UdpPlugins {
+    VESK_Transport_Plugin *a = nullptr, *b = nullptr;
+    VESK_Transport_RecvResource_t inA = nullptr, inB = nullptr;
+    VESK_Transport_SendResource_t toA = nullptr, toB = nullptr;
+
+    static VESK_Transport_Plugin *make() {
+        DDS_PropertyQosPolicy policy = DDS_PropertyQosPolicy_INITIALIZER;
+        VESK_Transport_Plugin *plugin = VESK_Transport_UDPv4_create(nullptr, &policy);
+        DDS_PropertyQosPolicy_finalize(&policy);
+        return plugin;
+    }
+    UdpPlugins() : a(make()), b(make()) {
+        if (a == nullptr || b == nullptr) return;
+        VESK_Transport_Address_t loopback{};
+        loopback.network_ordered_value[12] = 127;
+        loopback.network_ordered_value[15] = 1;
+        VESK_Transport_Port_t portA = 0, portB = 0;
+        if (a->create_recvresource_rrEA(a, &inA, &portA, nullptr, 0) &&
+            b->create_recvresource_rrEA(b, &inB, &portB, nullptr, 0)) {
+            a->create_sendresource_srEA(a, &toB, &loopback, portB, 0);
+            b->create_sendresource_srEA(b, &toA, &loopback, portA, 0);
+        }
+    }
+    ~UdpPlugins() {
+        if (a != nullptr) a->delete_cEA(a, nullptr);
+        if (b != nullptr) b->delete_cEA(b, nullptr);
+    }
+    bool ok() const { return inA && inB && toA && toB; }
+    static bool receive(VESK_Transport_Plugin *at, VESK_Transport_RecvResource_t &in) {
+        static thread_local std::vector<char> storage(65536);
+        VESK_Transport_Buffer_t buffer{static_cast<KEL_INT32>(storage.size()), storage.data()};
+        VESK_Transport_Message_t message{};
+        if (!at->receive_rEA(at, &in, &buffer, &message, nullptr)) return false;
+        benchmark::DoNotOptimize(message.buffer.pointer[0]);
+        if (message.loaned_buffer_param != nullptr) {
+            at->return_loaned_buffer_rEA(at, &in, &message, nullptr);
+        }
+        return true;
+    }
+    void sendToB(char *data, int length) { Shmem::send(a, toB, data, length); }
+    void sendToA(char *data, int length) { Shmem::send(b, toA, data, length); }
     bool receiveAtB() { return receive(b, inB); }
     bool receiveAtA() { return receive(a, inA); }
     void stopB() { b->unblock_receive_rrEA(b, &inB, nullptr); }
@@ -220,8 +270,10 @@ void sizes(benchmark::internal::Benchmark *benchmark) {
 }
 
 BENCHMARK(Throughput<Shmem>)->Name("Throughput/Shmem")->Apply(sizes);
+BENCHMARK(Throughput<UdpPlugins>)->Name("Throughput/UdpPlugin")->Apply(sizes);
 BENCHMARK(Throughput<Udp>)->Name("Throughput/Udp")->Apply(sizes);
 BENCHMARK(PingPong<Shmem>)->Name("PingPong/Shmem")->UseRealTime();
+BENCHMARK(PingPong<UdpPlugins>)->Name("PingPong/UdpPlugin")->UseRealTime();
 BENCHMARK(PingPong<Udp>)->Name("PingPong/Udp")->UseRealTime();
 
 }  // namespace

@@ -1,10 +1,12 @@
-// The UDP transport module: record copy, the UDPv4, UDPv4 WAN and UDPv6
-// plugins, their traffic statistics and their run-time controls.
+// The UDP transport module's C entry points: record copy, the UDPv4, UDPv4
+// WAN and UDPv6 constructors, their traffic statistics and their run-time
+// controls. Sockets, resources and traffic are in udp/.
 //
 // A plugin is one block of the library heap holding a UdpPlugin whose first
 // member is the VESK_Transport_Plugin handed out, so the plugin pointer
-// converts back. It owns a deep copy of its property record and the array
-// of the interfaces it uses; delete_cEA releases all three.
+// converts back. It owns a deep copy of its property record, the array of
+// the interfaces it uses and its I/O state (sockets and resources, in
+// udp/Plugin.cpp); delete_cEA releases them all.
 #include "vesk_transport/platform/Udp.h"
 
 #include <arpa/inet.h>
@@ -30,6 +32,7 @@
 #include "vesk_transport/platform/Log.h"
 #include "vesk_transport/platform/TransportInternal.hpp"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
+#include "vesk_transport/platform/udp/Plugin.hpp"
 
 // delete_cEA of every UDP plugin; also how a UDP plugin is recognised.
 extern "C" {
@@ -267,6 +270,7 @@ struct UdpPlugin {
     std::atomic<VESK_Transport_Listener *> listener;
     std::atomic<int> binding_ping_generation;
     TrafficCounters counters;
+    vesk::udp::Io *io;  // sockets and resources (udp/Plugin.cpp)
 };
 static_assert(std::is_standard_layout_v<UdpPlugin>, "the plugin pointer must convert back");
 static_assert(offsetof(UdpPlugin, base) == 0);
@@ -278,6 +282,7 @@ UdpPlugin *udpPlugin(const VESK_Transport_Plugin *plugin) {
 }
 
 void releasePlugin(UdpPlugin *plugin) {
+    vesk::udp::destroyIo(plugin->io);
     VESK_Transport_UDP_Property_finalize(&plugin->property);
     KELOsapiHeap_freeArray(plugin->interfaces);
     plugin->~UdpPlugin();
@@ -390,11 +395,18 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
             }
         }
         plugin->udp_class = udp_class;
+        plugin->io = vesk::udp::createIo(&plugin->base, plugin->property, udp_class == UdpClass::V6,
+                                         info.name);
+        if (plugin->io == nullptr) {
+            releasePlugin(plugin);
+            return fail(KEL_LOG_ANY_FAILURE_s, "out of memory");
+        }
         plugin->binding_ping_generation.store(
             udp_class == UdpClass::V4_WAN && property_in->binding_ping_period > 0 ? 1 : 0);
 
         VESK_Transport_Plugin &base = plugin->base;
         vesk::transport::fillCommonOperations(base);
+        vesk::udp::fillIoOperations(base);
         base.property = &plugin->property.parent;
         base.get_class_name_cEA = [](VESK_Transport_Plugin *self) -> const char * {
             const UdpPlugin *udp = udpPlugin(self);
@@ -483,6 +495,37 @@ int updateCounters(VESK_Transport_Plugin *plugin, Update &&apply) noexcept {
 }
 
 }  // namespace
+
+namespace vesk::udp {
+
+Io *ioOf(VESK_Transport_Plugin *plugin) noexcept {
+    UdpPlugin *udp = udpPlugin(plugin);
+    return udp != nullptr ? udp->io : nullptr;
+}
+
+void countDatagram(VESK_Transport_Plugin *plugin, const Classification &classification,
+                   std::size_t bytes, VESK_Transport_UDP_TrafficDirection direction,
+                   int priority) noexcept {
+    const bool sent = direction == VESK_TRANSPORT_UDP_TRAFFIC_SENT;
+    const KindRow &row = kKinds[classification.kind];
+    const KEL_UINT64 header = classification.rtps ? kRtpsHeaderSize : 0;
+    updateCounters(plugin, [&](TrafficCounters &counters) {
+        if (classification.rtps) {
+            counters.add(sent ? kOverhead.bytes_sent : kOverhead.bytes_received, header);
+            counters.add(sent ? kOverhead.packets_sent : kOverhead.packets_received, 1);
+        }
+        for (const TrafficGroup *target : {row.first, row.second}) {
+            if (target == nullptr) continue;
+            counters.add(sent ? target->bytes_sent : target->bytes_received, bytes - header);
+            counters.add(sent ? target->packets_sent : target->packets_received, 1);
+        }
+        if (priority >= 0 && priority < kPriorityCount) {
+            counters.addPriority(static_cast<unsigned char>(priority));
+        }
+    });
+}
+
+}  // namespace vesk::udp
 
 extern "C" {
 static void udpDelete(VESK_Transport_Plugin *self, void *) {
