@@ -229,6 +229,12 @@ TEST_F(ShmemTraffic, SharesCountAndMustMatch) {
     EXPECT_EQ(1, p->update_destination(p.get(), &sender.resource, &own, 4));
     EXPECT_TRUE(sender.send("moved"));
     EXPECT_EQ("moved", other.take());
+    // Destroyed twice: the second call finds nothing of its own to release.
+    for (int i = 0; i < 2; ++i) {
+        p->destroy_sendresource_srEA(p.get(), &sender.resource);
+        p->destroy_recvresource_rrEA(p.get(), &other.resource);
+    }
+    sender.resource = other.resource = nullptr;
 }
 
 TEST_F(ShmemTraffic, SizesAboveALimitAreRefusedWithBothSizes) {
