@@ -171,7 +171,10 @@ TEST_F(ShmemTraffic, UnblockOrDestroyWakesABlockedReceive) {
             EXPECT_EQ(0, p->receive_rEA(p.get(), &resource, nullptr, &message, nullptr));
             returned = true;
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // Wait until the reader sleeps in the segment.
+        Peek peek(base + 3, 3);
+        ASSERT_TRUE(
+            eventually([&] { return std::atomic_ref(peek.header().readers_waiting).load() > 0; }));
         EXPECT_FALSE(returned);
         if (destroy) {
             p->destroy_recvresource_rrEA(p.get(), &resource);

@@ -4,12 +4,14 @@
 
 #include <dirent.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <thread>
@@ -43,15 +45,27 @@ inline int countEntries(const char *directory, const char *prefix) {
 
 // Keys of this test process only (its pid in the offsets), so parallel runs
 // never meet; every segment of these keys is removed when the fixture ends,
-// and descriptors and segments must be back to what they were.
+// and descriptors must be back to what they were. Segments that a crashed
+// run of these tests left (their creator dead) are removed first.
 class ShmemTraffic : public ::testing::Test {
 protected:
     static constexpr int kPorts = 16;
-    const int base = 0x20000000 + (getpid() & 0xFFFF) * 0x100;
+    static constexpr int kKeySpace = 0x20000000;
+    const int base = kKeySpace + (getpid() & 0xFFFF) * 0x100;
 
     void SetUp() override {
+        // Only old ones: a fresh dead segment may belong to a test running
+        // now in another process (a killed receiver it is about to take over).
+        for (const auto &segment : vesk::shmem::listSegments()) {
+            const int key = segment.header.segment_key;
+            struct stat status {};
+            const std::string path = "/dev/shm" + segment.name;
+            if (!segment.alive && key >= kKeySpace && key < kKeySpace + 0x1000000 &&
+                stat(path.c_str(), &status) == 0 && time(nullptr) - status.st_mtime > 60) {
+                shm_unlink(segment.name.c_str());
+            }
+        }
         fdsBefore = countEntries("/proc/self/fd", "");
-        segmentsBefore = countEntries("/dev/shm", "vesk_shm.");
     }
     void TearDown() override {
         int left = 0;
@@ -60,7 +74,6 @@ protected:
         }
         EXPECT_EQ(0, left) << "segments left behind";
         EXPECT_EQ(fdsBefore, countEntries("/proc/self/fd", ""));
-        EXPECT_EQ(segmentsBefore, countEntries("/dev/shm", "vesk_shm."));
     }
 
     // A factory-built plugin on this test's keys, with extra properties.
@@ -90,7 +103,6 @@ protected:
     }
 
     int fdsBefore = 0;
-    int segmentsBefore = 0;
 };
 
 // Waits (bounded) for a condition.
