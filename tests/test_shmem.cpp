@@ -132,6 +132,16 @@ TEST(ShmemConstructor, RefusesRecordsItCannotRunWith) {
              p.udp_debugging_address.network_ordered_value[12] = 192;
          },
          "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
+        {[](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 223;
+         },
+         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
+        {[](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 240;
+         },
+         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.message);
@@ -171,6 +181,16 @@ TEST(ShmemConstructor, AcceptsTheLimitsOfEachRule) {
          [](auto &p) {
              p.enable_udp_debugging = 1;
              p.udp_debugging_port = 65535;
+         }},
+        {"debugging to 224.x",
+         [](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 224;
+         }},
+        {"debugging to 127.x",
+         [](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 127;
          }},
         {"debugging off ignores the port",
          [](auto &p) {
