@@ -458,6 +458,11 @@ TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
         {"moved to a port without keys",
          [&] { return p->update_destination(p.get(), &moving.resource, &own, 0x70000000); },
          "port 1879048192 gives a key outside 1..2147483647"},
+        {"moved to a port without receiver",
+         [&] { return p->update_destination(p.get(), &moving.resource, &own, 14); },
+         "no segment " + name +
+             " for port 14 in this IPC namespace (no receiver, or the receiver is in another "
+             "container): use UDP"},
         {"negative length",
          [&] { return p->send(p.get(), &moving.resource, nullptr, 0, 0, &negative, 1, nullptr); },
          "buffer 0 has a negative length or no data"},
@@ -486,6 +491,7 @@ TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
         EXPECT_EQ(log.summary(), std::vector<std::string>{
                                      "KEL_LOG_ANY_FAILURE_s(SHMEM transport: " + row.reason + ")"});
     }
+    EXPECT_EQ(0, p->update_destination(p.get(), nullptr, &own, 13));
     // An empty buffer needs no data.
     EXPECT_EQ(1, p->send(p.get(), &moving.resource, nullptr, 0, 0, &nothing, 1, nullptr));
     if (getuid() != 0) return;
