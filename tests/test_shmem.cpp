@@ -1,5 +1,6 @@
-// The shared-memory transport module: record copy, the constructor and its
-// refusals, and the plugin's operations.
+// The shared-memory transport's constructor: its own copy of the record,
+// its refusals, allocation failures, and the operations that need no
+// segment. Traffic is in test_shmem_traffic.cpp.
 
 #include <gtest/gtest.h>
 
@@ -69,50 +70,6 @@ struct Source {
     }
 };
 
-TEST(ShmemPropertyCopy, DeepCopiesTheGenericPart) {
-    Source source;
-    const KEL_UINT64 before = liveHeapBlocks();
-    VESK_Transport_Shmem_Property_t copy{};
-    ASSERT_EQ(VESK_Transport_Shmem_Property_copy(&copy, &source.record), 1);
-    EXPECT_EQ(liveHeapBlocks(), before + 3);
-    EXPECT_NE(copy.parent.deny_interfaces_list, source.deny);
-    EXPECT_STREQ(copy.parent.deny_interfaces_list[0], "shm0");
-    EXPECT_STREQ(copy.parent.thread_name_prefix, "shm#");
-    EXPECT_EQ(copy.receive_buffer_size, 1048576);
-    EXPECT_EQ(copy.majorVersion, 2);
-    EXPECT_EQ(std::memcmp(&copy.shmemUUID, &source.record.shmemUUID, 16), 0);
-    VESK_Transport_Shmem_Property_finalize(&copy);
-    EXPECT_EQ(copy.parent.deny_interfaces_list, nullptr);
-    EXPECT_EQ(copy.parent.thread_name_prefix, nullptr);
-    EXPECT_EQ(liveHeapBlocks(), before);
-    VESK_Transport_Shmem_Property_finalize(nullptr);
-    EXPECT_EQ(VESK_Transport_Shmem_Property_copy(nullptr, &source.record), 0);
-    EXPECT_EQ(VESK_Transport_Shmem_Property_copy(&copy, nullptr), 0);
-}
-
-TEST(ShmemPropertyCopy, EveryAllocationFailureLeavesNothing) {
-    Source source;
-    int failures = 0;
-    for (long n = 1; n < 50; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
-        const KEL_UINT64 before = liveHeapBlocks();
-        VESK_Transport_Shmem_Property_t copy{};
-        KELOsapiHeap_failAllocationAfter(n);
-        const int result = VESK_Transport_Shmem_Property_copy(&copy, &source.record);
-        KELOsapiHeap_failAllocationAfter(0);
-        if (result == 1) {
-            VESK_Transport_Shmem_Property_finalize(&copy);
-            break;
-        }
-        ++failures;
-        EXPECT_EQ(liveHeapBlocks(), before);
-        EXPECT_EQ(copy.parent.deny_interfaces_list, nullptr);
-        EXPECT_EQ(copy.parent.thread_name_prefix, nullptr);
-        EXPECT_EQ(copy.received_message_count_max, 64);
-    }
-    EXPECT_EQ(failures, 3);
-}
-
 TEST(ShmemConstructor, BuildsFromTheDefaultsAndKeepsItsOwnCopy) {
     Source source;
     PluginPtr plugin(VESK_Transport_Shmem_newI(&source.record));
@@ -170,6 +127,21 @@ TEST(ShmemConstructor, RefusesRecordsItCannotRunWith) {
              p.udp_debugging_port = 0;
          },
          "SHMEM transport: udp_debugging_port is outside 1..65535"},
+        {[](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 192;
+         },
+         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
+        {[](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 223;
+         },
+         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
+        {[](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 240;
+         },
+         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.message);
@@ -209,6 +181,16 @@ TEST(ShmemConstructor, AcceptsTheLimitsOfEachRule) {
          [](auto &p) {
              p.enable_udp_debugging = 1;
              p.udp_debugging_port = 65535;
+         }},
+        {"debugging to 224.x",
+         [](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 224;
+         }},
+        {"debugging to 127.x",
+         [](auto &p) {
+             p.enable_udp_debugging = 1;
+             p.udp_debugging_address.network_ordered_value[12] = 127;
          }},
         {"debugging off ignores the port",
          [](auto &p) {
@@ -296,21 +278,6 @@ TEST(ShmemPlugin, EntryPortsMustGiveUsableKeys) {
         ASSERT_NE(plugin, nullptr);
         EXPECT_EQ(plugin->is_valid_entry_port(plugin.get(), row.port), row.valid);
     }
-}
-
-TEST(ShmemPlugin, StringToAddress) {
-    const VESK_Transport_Shmem_Property_t property = defaults();
-    PluginPtr plugin(VESK_Transport_Shmem_newI(&property));
-    ASSERT_NE(plugin, nullptr);
-    VESK_Transport_Plugin *self = plugin.get();
-    VESK_Transport_Address_t address{};
-    ASSERT_EQ(self->string_to_address_cEA(self, &address, "fd00::2"), 1);
-    EXPECT_EQ(address.network_ordered_value[0], 0xfd);
-    EXPECT_EQ(address.network_ordered_value[15], 2);
-    ASSERT_EQ(self->string_to_address_cEA(self, &address, "192.0.2.1"), 1);
-    const unsigned char v4[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 192, 0, 2, 1};
-    EXPECT_EQ(std::memcmp(address.network_ordered_value, v4, 16), 0);
-    EXPECT_EQ(self->string_to_address_cEA(self, &address, "shm"), 0);
 }
 
 }  // namespace

@@ -261,7 +261,7 @@ TEST(ShmemFactory, ThePluginKeepsCopiesOfWhatTheSetupAllocated) {
                                 {"parent.thread_name_prefix", "shmThread1"},
                                 {"received_message_count_max", "32"},
                                 {"enable_udp_debugging", "true"},
-                                {"udp_debugging_address", "192.0.2.5"},
+                                {"udp_debugging_address", "127.0.0.5"},
                                 {"udp_debugging_port", "7500"}};
         LogCapture log;
         PluginPtr plugin(create(properties));
@@ -272,7 +272,7 @@ TEST(ShmemFactory, ThePluginKeepsCopiesOfWhatTheSetupAllocated) {
         EXPECT_STREQ("shmThrea", record.parent.thread_name_prefix);
         EXPECT_EQ(32, record.received_message_count_max);
         EXPECT_EQ(1, record.enable_udp_debugging);
-        EXPECT_EQ("000000000000000000000000c0000205", field(record, "udp_debugging_address"));
+        EXPECT_EQ("0000000000000000000000007f000005", field(record, "udp_debugging_address"));
         EXPECT_EQ(7500u, record.udp_debugging_port);
         // Only the truncation warning of the generic part.
         const auto entries = log.entries();

@@ -14,6 +14,7 @@
 #include "tools/Inspection.hpp"
 #include "tools/PropertyFiles.hpp"
 #include "tools/Reference.hpp"
+#include "tools/ShmList.hpp"
 
 namespace {
 
@@ -129,6 +130,9 @@ int run(int argc, char **argv) {
     CLI::App *demo = app.add_subcommand(
         "demo", "run the whole module in one process and narrate it (uses the loopback interface)");
 
+    CLI::App *shmList = app.add_subcommand(
+        "shm-list", "list this host's shared-memory segments and whether their owners live");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
@@ -148,6 +152,7 @@ int run(int argc, char **argv) {
             printClassReference(std::cout, *findClass(referenceClass));
             return EXIT_ACCEPTED;
         }
+        if (shmList->parsed()) return vesk::tool::listShmemSegments(std::cout);
         if (demo->parsed()) return runDemo(std::cout) == 0 ? EXIT_ACCEPTED : EXIT_REFUSED;
     } catch (const UsageError &error) {
         std::cerr << "vesk-transport: " << error.what()
