@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "vesk_transport/platform/Property.h"
 
@@ -18,6 +19,9 @@ public:
 
     PropertyList() = default;
     PropertyList(std::initializer_list<NameValue> properties) {
+        for (const auto &[name, value] : properties) add(name, value);
+    }
+    explicit PropertyList(const std::vector<NameValue> &properties) {
         for (const auto &[name, value] : properties) add(name, value);
     }
     ~PropertyList() { DDS_PropertyQosPolicy_finalize(&policy_); }
