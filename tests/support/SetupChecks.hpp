@@ -22,8 +22,8 @@ namespace vesk::test {
 // "level function TEMPLATE[format](param|param)"; the format part only for
 // _TEMPLATE messages.
 inline std::string describe(const LogEntry &entry) {
-    std::string out = std::to_string(entry.level) + " " + entry.function + " " +
-                      entry.template_name;
+    std::string out =
+        std::to_string(entry.level) + " " + entry.function + " " + entry.template_name;
     if (!entry.format.empty()) out += "[" + entry.format + "]";
     return out + "(" + summarize("", entry.params).substr(1);
 }
@@ -145,8 +145,7 @@ inline const std::vector<Field<Generic>> &genericFields() {
          [](const Generic &r) {
              return renderPointer(reinterpret_cast<const void *>(r.domain_participant_forwarder));
          }},
-        {"thread_name_prefix",
-         [](const Generic &r) { return renderString(r.thread_name_prefix); }},
+        {"thread_name_prefix", [](const Generic &r) { return renderString(r.thread_name_prefix); }},
         VESK_NUMBER(Generic, max_interface_count),
     };
     return fields;
@@ -202,7 +201,9 @@ inline const std::vector<Field<Shmem>> &shmemOwnFields() {
         VESK_NUMBER(Shmem, receive_buffer_size),
         VESK_NUMBER(Shmem, enable_udp_debugging),
         {"udp_debugging_address",
-         [](const Shmem &r) { return renderBytes(r.udp_debugging_address.network_ordered_value, 16); }},
+         [](const Shmem &r) {
+             return renderBytes(r.udp_debugging_address.network_ordered_value, 16);
+         }},
         VESK_NUMBER(Shmem, udp_debugging_port),
         VESK_NUMBER(Shmem, segmentKeyOffset),
         VESK_NUMBER(Shmem, segmentKeyFactor),
@@ -247,6 +248,17 @@ std::vector<std::string> differingFields(const Record &left, const Record &right
     std::vector<std::string> out;
     for (size_t i = 0; i < a.size(); ++i) {
         if (a[i].second != b[i].second) out.push_back(a[i].first);
+    }
+    return out;
+}
+
+// The fields in which after differs from before, with their values after.
+template <typename Record>
+Rendered changes(const Record &before, const Record &after) {
+    const Rendered a = render(before), b = render(after);
+    Rendered out;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i].second != b[i].second) out.push_back(b[i]);
     }
     return out;
 }
