@@ -263,6 +263,16 @@ Rendered changes(const Record &before, const Record &after) {
     return out;
 }
 
+// base with the given fields replaced.
+inline Rendered with(Rendered base, const Rendered &replaced) {
+    for (auto &[name, value] : base) {
+        for (const auto &[replacedName, replacedValue] : replaced) {
+            if (name == replacedName) value = replacedValue;
+        }
+    }
+    return base;
+}
+
 template <typename Record>
 std::string field(const Record &record, const std::string &name) {
     for (const auto &[fieldName, value] : render(record)) {
