@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/EveryProperty.hpp"
 #include "vesk_transport/platform/Property.h"
 
 namespace vesk::test {
@@ -23,6 +24,10 @@ public:
     }
     explicit PropertyList(const std::vector<NameValue> &properties) {
         for (const auto &[name, value] : properties) add(name, value);
+    }
+    // From "name=value;name=value"; prefix + '.' before each name if given.
+    explicit PropertyList(const std::string &spec, const std::string &prefix = "") {
+        for (const auto &[name, value] : pairs(spec)) add(prefix, name, value);
     }
     ~PropertyList() { DDS_PropertyQosPolicy_finalize(&policy_); }
     PropertyList(const PropertyList &) = delete;
