@@ -300,127 +300,75 @@ TEST(UdpSetup, SendBlockingKeywordsAreExactAndSomeBelongToOneFamily) {
 // class's lists (an unknown class id validates nothing).
 TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
     struct Case {
-        const char *name;
         std::set<VESK_Transport_ClassId_t> classids;
         const char *prefix;
-        std::vector<PropertyList::NameValue> properties;
+        std::string properties;  // "name=value;..."
         int result;
         std::vector<std::string> messages;
         KEL_INT32 sendBlocking;  // after the setup (every default is 1)
     };
-    const std::set<VESK_Transport_ClassId_t> validated = {1, WAN, 2, 5};
-    const std::set<VESK_Transport_ClassId_t> every = {1, WAN, 2, 5, UNKNOWN_CLASS};
-    const char *ACTION = DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME;
-    const std::string P = PREFIX;
+    const std::set<VESK_Transport_ClassId_t> V = {1, WAN, 2, 5};  // validated
+    const std::set<VESK_Transport_ClassId_t> all = {1, WAN, 2, 5, UNKNOWN_CLASS};
+    const auto U = [](const char *name) { return unknown(name); };
+    const std::string I = inconsistent(""), action = "dds.property_validation_action=";
+    const std::string P = std::string(PREFIX) + ".";
     const std::vector<Case> cases = {
-        {"known names",
-         every,
+        {all, nullptr, "send_blocking=0;parent.message_size_max=1400", 2, {}, 0},
+        {V, nullptr, "send_blockin=0;send_blocking=0", -1, {U("send_blockin"), I}, 1},
+        {V,
          nullptr,
-         {{"send_blocking", "0"}, {"parent.message_size_max", "1400"}},
-         2,
-         {},
-         0},
-        {"unknown name",
-         validated,
-         nullptr,
-         {{"send_blockin", "0"}, {"send_blocking", "0"}},
+         "send_blockin=0;send_blocking=0;" + action + "EXCEPTION",
          -1,
-         {unknown("send_blockin"), inconsistent("")},
+         {U("send_blockin"), I},
          1},
-        {"unknown name, EXCEPTION",
-         validated,
+        {V,
          nullptr,
-         {{"send_blockin", "0"}, {"send_blocking", "0"}, {ACTION, "EXCEPTION"}},
-         -1,
-         {unknown("send_blockin"), inconsistent("")},
-         1},
-        {"unknown name, WARNING",
-         validated,
-         nullptr,
-         {{"send_blockin", "0"}, {"send_blocking", "0"}, {ACTION, "WARNING"}},
+         "send_blockin=0;send_blocking=0;" + action + "WARNING",
          1,
          {unknown("send_blockin", KEL_LOG_BIT_WARN)},
          0},
-        {"unknown name, SKIP",
-         every,
-         nullptr,
-         {{"send_blockin", "0"}, {"send_blocking", "0"}, {ACTION, "SKIP"}},
-         1,
-         {},
-         0},
+        {all, nullptr, "send_blockin=0;send_blocking=0;" + action + "SKIP", 1, {}, 0},
         // Validation comes before the first UDP property is read.
-        {"unknown name before a bad value",
-         validated,
-         nullptr,
-         {{"bogus", "1"}, {"send_socket_buffer_size", "big"}},
-         -1,
-         {unknown("bogus"), inconsistent("")},
-         1},
+        {V, nullptr, "bogus=1;send_socket_buffer_size=big", -1, {U("bogus"), I}, 1},
         // "prefix" sets the validation prefix only: names outside it are not
-        // validated, names are still read bare.
-        {"unknown name under the validation prefix",
-         validated,
+        // validated, names are still read bare; an empty one validates all.
+        {V,
          nullptr,
-         {{"prefix", "myprefix"}, {"myprefix.bogus", "1"}, {"send_blocking", "0"}},
+         "prefix=my;my.bogus=1;send_blocking=0",
          -1,
-         {unknown("myprefix.bogus"), inconsistent("myprefix")},
+         {U("my.bogus"), inconsistent("my")},
          1},
-        {"names outside the validation prefix",
-         every,
-         nullptr,
-         {{"prefix", "myprefix"}, {"myprefix.send_blocking", "0"}, {"bogus", "1"}},
-         1,
-         {},
-         1},
-        {"an empty prefix validates every name",
-         validated,
-         nullptr,
-         {{"prefix", ""}, {"send_blocking", "0"}, {"bogus", "1"}},
-         -1,
-         {unknown("bogus"), inconsistent("")},
-         1},
-        {"unknown class: no validation",
-         {UNKNOWN_CLASS},
-         nullptr,
-         {{"prefix", ""}, {"bogus", "1"}, {"send_blocking", "0"}},
-         2,
-         {},
-         0},
+        {all, nullptr, "prefix=my;my.send_blocking=0;bogus=1", 1, {}, 1},
+        {V, nullptr, "prefix=;send_blocking=0;bogus=1", -1, {U("bogus"), I}, 1},
+        {{UNKNOWN_CLASS}, nullptr, "prefix=;bogus=1;send_blocking=0", 2, {}, 0},
         // Class id 5 is validated like UDPv6 but knows no UDPv6 keyword.
-        {"class id 5 takes no UDPv6 keyword",
-         {5},
+        {{5},
          nullptr,
-         {{"send_blocking", "VESK_TRANSPORT_UDPV6_BLOCKING_NEVER"}},
+         "send_blocking=VESK_TRANSPORT_UDPV6_BLOCKING_NEVER",
          -1,
          {parser("send_blocking", "VESK_TRANSPORT_UDPV6_BLOCKING_NEVER")},
          1},
-        {"a bad action",
-         every,
+        {all,
          nullptr,
-         {{ACTION, "MAYBE"}, {"send_blocking", "0"}},
+         action + "MAYBE;send_blocking=0",
          -1,
          {error("DDS_PropertyQosPolicy_parse_property_validation_action",
-                "KEL_LOG_PARSER_FAILURE_ss", {ACTION, "MAYBE"}),
+                "KEL_LOG_PARSER_FAILURE_ss", {"dds.property_validation_action", "MAYBE"}),
           error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"property_validation_action"})},
          1},
         // With a prefix nothing is validated, neither "prefix" is read, and
         // the action is ignored.
-        {"a prefix switches validation off",
-         every,
+        {all,
          PREFIX,
-         {{"prefix", "x"},
-          {P + ".prefix", "y"},
-          {P + ".misspelt", "1"},
-          {P + ".send_blocking", "0"},
-          {ACTION, "garbage"}},
+         "prefix=x;" + P + "prefix=y;" + P + "misspelt=1;" + P + "send_blocking=0;" + action +
+             "garbage",
          1,
          {},
          0},
         // A failed generic part is reported as such, before any UDP property.
-        {"a bad generic value",
-         every,
+        {all,
          PREFIX,
-         {{P + ".parent.address_bit_count", "200"}, {P + ".send_blocking", "0"}},
+         P + "parent.address_bit_count=200;" + P + "send_blocking=0",
          -1,
          {error(PARENT_SETUP, "KEL_LOG_PARSER_VALUE_OUT_OF_RANGE_ss",
                 {"parent.address_bit_count", "[-128, 128]"}),
@@ -430,7 +378,7 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
     for (const UdpClass &udpClass : CLASSES) {
         for (const Case &c : cases) {
             if (!c.classids.count(udpClass.classid)) continue;
-            SCOPED_TRACE(std::to_string(udpClass.classid) + ": " + c.name);
+            SCOPED_TRACE(std::to_string(udpClass.classid) + ": " + c.properties);
             PropertyList properties(c.properties);
             LogCapture log;
             UdpRecord run(*udpClass.defaults);
