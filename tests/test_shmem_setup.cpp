@@ -12,6 +12,8 @@
 #include <tuple>
 #include <vector>
 
+#include "support/AllocationSweep.hpp"
+#include "support/EveryProperty.hpp"
 #include "support/SetupChecks.hpp"
 #include "vesk_transport/Support.h"
 
@@ -592,6 +594,59 @@ TEST(ShmemSetup, EveryNameAtOncePassesValidationAndCountsOnceEach) {
     EXPECT_EQ(4, run.record.majorVersion);
     EXPECT_EQ(0, run.record.reserved);
     EXPECT_EQ(generated(0x10), field(run.record, "shmemUUID"));
+}
+
+// Every allocation refused in turn, with every property, a wire-protocol
+// policy and a generator (a path no factory takes): -1 and errors only,
+// every list held is flagged and whole, and the cleanup leaves nothing.
+TEST(ShmemSetup, EveryAllocationFailureLeavesOnlyFlaggedListsBehind) {
+    PropertyList properties;
+    for (const std::string &suffix : acceptedSuffixes(Class::shmem)) {
+        properties.add(suffix, valueFor(suffix, Class::shmem));
+    }
+    const DDS_ProductVersion_t minimum = {5, 0, 0, 0};
+    const DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
+    Generator generator;
+    struct Outcome {
+        ShmemRecord run;
+        int result = 0;
+        std::vector<LogEntry> log;
+    };
+    const auto summary = sweepAllocationFailures(
+        [&] {
+            LogCapture capture;
+            Outcome outcome;
+            outcome.result = outcome.run.setup(properties, &policy, generator.generator, &minimum);
+            outcome.log = capture.entries();
+            return outcome;
+        },
+        [&](const SweepStep &step, Outcome &outcome) {
+            const std::string flags = renderFlags(outcome.run.flags);
+            const char *lists[] = {"allow_interfaces_list", "deny_interfaces_list",
+                                   "allow_multicast_interfaces_list",
+                                   "deny_multicast_interfaces_list"};
+            for (int i = 0; i < 4; ++i) {
+                const std::string held = field(outcome.run.record, lists[i]);
+                EXPECT_EQ(held != "null", flags[2 * i] == '1') << lists[i];
+                EXPECT_EQ(std::string::npos, held.find("null]")) << held;
+            }
+            if (!step.failed) {
+                EXPECT_EQ(13 + 14, outcome.result);
+                EXPECT_TRUE(outcome.log.empty());
+                return;
+            }
+            EXPECT_EQ(-1, outcome.result);
+            ASSERT_FALSE(outcome.log.empty());
+            for (const LogEntry &entry : outcome.log) {
+                EXPECT_EQ(static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR), entry.level) << entry.text;
+            }
+        },
+        [](Outcome &outcome) {
+            VESK_Transport_cleanupShmemProperty(&outcome.run.record, &outcome.run.flags);
+            EXPECT_EQ(nullptr, outcome.run.record.parent.thread_name_prefix);
+        });
+    EXPECT_TRUE(summary.completed);
+    EXPECT_GT(summary.failurePoints, 10);
 }
 
 TEST(ShmemSetup, TheCleanupReleasesOnlyWhatIsFlaggedAndAcceptsNull) {
