@@ -136,8 +136,9 @@ TEST(ShmemSetup, TheFormatVersionFollowsTheMutexesAndTheMinimumVersion) {
     }
 }
 
-// Each setting sets its field and counts once; the debugging destination is
-// read only while debugging is on (by the caller or by the property).
+// Each setting sets its field and counts once (the key settings: see the
+// fixed order below); the debugging destination is read only while
+// debugging is on (by the caller or by the property).
 TEST(ShmemSetup, EachSettingSetsItsFieldAndCountsOnce) {
     struct Case {
         NameValues properties;
@@ -148,12 +149,6 @@ TEST(ShmemSetup, EachSettingSetsItsFieldAndCountsOnce) {
     const std::vector<Case> cases = {
         {{{"received_message_count_max", "-3"}}, 1, {{"received_message_count_max", "-3"}}},
         {{{"receive_buffer_size", "0x20000"}}, 1, {{"receive_buffer_size", "131072"}}},
-        {{{"segmentKeyOffset", "100"}}, 1, {{"segmentKeyOffset", "100"}}},
-        {{{"segmentKeyFactor", "3"}}, 1, {{"segmentKeyFactor", "3"}}},
-        {{{"semaphoreKeyOffset", "200"}}, 1, {{"semaphoreKeyOffset", "200"}}},
-        {{{"semaphoreKeyFactor", "4"}}, 1, {{"semaphoreKeyFactor", "4"}}},
-        {{{"mutexKeyOffset", "300"}}, 1, {{"mutexKeyOffset", "300"}}},
-        {{{"mutexKeyFactor", "5"}}, 1, {{"mutexKeyFactor", "5"}}},
         {{{"maxAllowedWriterDurationMillisec", "4294967295"}},
          1,
          {{"maxAllowedWriterDurationMillisec", "4294967295"}}},
