@@ -14,6 +14,7 @@
 #include "support/AllocationSweep.hpp"
 #include "support/EveryProperty.hpp"
 #include "support/SetupChecks.hpp"
+#include "vesk_transport/PropertyTables.hpp"
 #include "vesk_transport/Support.h"
 
 namespace {
@@ -409,6 +410,34 @@ TEST(ValueTable, CoversEveryAcceptedSuffix) {
         for (const std::string &suffix : acceptedSuffixes(cls)) {
             EXPECT_FALSE(valueFor(suffix, cls).empty()) << "no sweep value for " << suffix;
         }
+    }
+}
+
+// Each suffix a class reads is in the list its row names (public or
+// private), and in no other: the split that docs/properties.md shows.
+TEST(ValueTable, EachSuffixIsInTheListItsRowNames) {
+    using namespace vesk::transport;
+    const std::pair<unsigned, Class> classes[] = {{udpv4Class, Class::udpv4},
+                                                  {udpv4WanClass, Class::udpv4Wan},
+                                                  {udpv6Class, Class::udpv6},
+                                                  {shmemClass, Class::shmem}};
+    for (const auto &[bit, cls] : classes) {
+        std::vector<std::string> publicOnes, privateOnes;
+        const auto add = [&](const auto &row) {
+            if ((row.classes & bit) == 0) return;
+            auto &list = row.isPublic ? publicOnes : privateOnes;
+            list.emplace_back(row.suffix);
+            if constexpr (requires { row.alternativeSuffix; }) {
+                if (row.alternativeSuffix != nullptr) list.emplace_back(row.alternativeSuffix);
+            }
+        };
+        for (const auto &row : GENERIC_ROWS) add(row);
+        for (const auto &row : UDP_ROWS) add(row);
+        for (const auto &row : SHMEM_SETTING_ROWS) add(row);
+        for (const auto &row : SHMEM_IDENTITY_ROWS) add(row);
+        std::vector<std::string> both = publicOnes;
+        both.insert(both.end(), privateOnes.begin(), privateOnes.end());
+        EXPECT_EQ(both, acceptedSuffixes(cls)) << static_cast<int>(cls);
     }
 }
 
