@@ -7,7 +7,9 @@
 #include <initializer_list>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "support/EveryProperty.hpp"
 #include "vesk_transport/platform/Property.h"
 
 namespace vesk::test {
@@ -19,6 +21,13 @@ public:
     PropertyList() = default;
     PropertyList(std::initializer_list<NameValue> properties) {
         for (const auto &[name, value] : properties) add(name, value);
+    }
+    explicit PropertyList(const std::vector<NameValue> &properties) {
+        for (const auto &[name, value] : properties) add(name, value);
+    }
+    // From "name=value;name=value"; prefix + '.' before each name if given.
+    explicit PropertyList(const std::string &spec, const std::string &prefix = "") {
+        for (const auto &[name, value] : pairs(spec)) add(prefix, name, value);
     }
     ~PropertyList() { DDS_PropertyQosPolicy_finalize(&policy_); }
     PropertyList(const PropertyList &) = delete;

@@ -1,12 +1,16 @@
-// Checks shared by the tests of the property setups and the UDP factories:
-// log records as one comparable line each, UDP records rendered field by
-// field, and a UDP record that releases what its setup allocated.
+// Checks shared by the tests of the property setups and the factories: log
+// records as one comparable line each, records rendered field by field,
+// records and plugins that release what they hold.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/PropertyList.hpp"
@@ -21,12 +25,7 @@ inline std::string describe(const LogEntry &entry) {
     std::string out =
         std::to_string(entry.level) + " " + entry.function + " " + entry.template_name;
     if (!entry.format.empty()) out += "[" + entry.format + "]";
-    out += "(";
-    for (size_t i = 0; i < entry.params.size(); ++i) {
-        if (i != 0) out += "|";
-        out += entry.params[i];
-    }
-    return out + ")";
+    return out + "(" + summarize("", entry.params).substr(1);
 }
 
 inline std::vector<std::string> describeAll(const LogCapture &capture) {
@@ -47,13 +46,18 @@ inline std::string message(KEL_UINT32 level, const std::string &function,
     entry.params = params;
     return describe(entry);
 }
+inline std::string error(const std::string &function, const std::string &template_name,
+                         const std::vector<std::string> &params, const std::string &format = "") {
+    return message(KEL_LOG_BIT_ERROR, function, template_name, params, format);
+}
 
 inline constexpr const char *PARENT_SETUP = "VESK_Transport_setupParentTransportProperty";
 inline constexpr const char *UDP_SETUP = "VESK_Transport_setupUDPProperty";
+inline constexpr const char *SHMEM_SETUP = "VESK_Transport_setupShmemProperty";
 inline constexpr const char *PARSE_INTERFACE_LIST = "VESK_Transport_Support_parse_interface_list";
 inline constexpr const char *PARSE_JSON = "VESK_Transport_CommPortsHelper_parseJson";
-inline constexpr const char *PARSE_JSON_MAPPING_NODE =
-    "VESK_Transport_CommPortsHelper_parseJsonMappingNode";
+inline constexpr const char *VALIDATE = "DDS_PropertyQosPolicy_validate_plugin_property_suffixes";
+inline char DEFAULT_THREAD_NAME_PREFIX[] = "rTr#####";
 
 inline std::string renderString(const char *text) {
     return text == nullptr ? "null" : "\"" + std::string(text) + "\"";
@@ -69,10 +73,7 @@ inline std::string renderPointer(const void *pointer) {
 inline std::string renderList(char *const *list, KEL_INT32 length) {
     if (list == nullptr) return "null";
     std::string out = "[";
-    for (KEL_INT32 i = 0; i < length; ++i) {
-        if (i != 0) out += ",";
-        out += renderString(list[i]);
-    }
+    for (KEL_INT32 i = 0; i < length; ++i) out += (i != 0 ? "," : "") + renderString(list[i]);
     return out + "]";
 }
 
@@ -82,9 +83,8 @@ inline std::string renderCommPorts(const VESK_Transport_UDP_WAN_CommPortsMapping
     if (list == nullptr) return "null";
     std::string out = "[";
     for (KEL_INT32 i = 0; i < length; ++i) {
-        if (i != 0) out += ",";
-        out += "{" + std::to_string(list[i].rtps_port) + "," + std::to_string(list[i].host_port) +
-               "," + std::to_string(list[i].public_port) + "}";
+        out += std::string(i != 0 ? "," : "") + "{" + std::to_string(list[i].rtps_port) + "," +
+               std::to_string(list[i].host_port) + "," + std::to_string(list[i].public_port) + "}";
     }
     return out + "]";
 }
@@ -99,138 +99,203 @@ inline std::string renderBytes(const void *bytes, size_t count) {
     return out;
 }
 
-inline std::string renderFlags(const VESK_Transport_internalMemoryAllocations &flags) {
-    return std::to_string(flags._allowInterfacesListAllocated) + "," +
-           std::to_string(flags._denyInterfacesListAllocated) + "," +
-           std::to_string(flags._allowMulticastInterfacesListAllocated) + "," +
-           std::to_string(flags._denyMulticastInterfacesListAllocated) + "," +
-           std::to_string(flags._publicAddressAllocated) + "," +
-           std::to_string(flags._commPortsAllocated);
-}
-
-struct UdpField {
-    const char *name;
-    std::string (*render)(const VESK_Transport_UDP_Property_t &record);
-};
-
-// clang-format off
-#define VESK_TEST_NUMBER_FIELD(path) \
-    UdpField{#path, [](const VESK_Transport_UDP_Property_t &r) { return std::to_string(r.path); }}
-// clang-format on
-
-// Every field of the UDP record, in the record's order; lists and strings
-// by content, so that a deep copy compares equal to its original.
-inline const std::vector<UdpField> &udpFields() {
-    using R = VESK_Transport_UDP_Property_t;
-    static const std::vector<UdpField> fields = {
-        VESK_TEST_NUMBER_FIELD(parent.classid),
-        VESK_TEST_NUMBER_FIELD(parent.address_bit_count),
-        VESK_TEST_NUMBER_FIELD(parent.properties_bitmap),
-        VESK_TEST_NUMBER_FIELD(parent.gather_send_buffer_count_max),
-        VESK_TEST_NUMBER_FIELD(parent.message_size_max),
-        {"parent.allow_interfaces_list",
-         [](const R &r) {
-             return renderList(r.parent.allow_interfaces_list,
-                               r.parent.allow_interfaces_list_length);
-         }},
-        VESK_TEST_NUMBER_FIELD(parent.allow_interfaces_list_length),
-        {"parent.deny_interfaces_list",
-         [](const R &r) {
-             return renderList(r.parent.deny_interfaces_list, r.parent.deny_interfaces_list_length);
-         }},
-        VESK_TEST_NUMBER_FIELD(parent.deny_interfaces_list_length),
-        {"parent.allow_multicast_interfaces_list",
-         [](const R &r) {
-             return renderList(r.parent.allow_multicast_interfaces_list,
-                               r.parent.allow_multicast_interfaces_list_length);
-         }},
-        VESK_TEST_NUMBER_FIELD(parent.allow_multicast_interfaces_list_length),
-        {"parent.deny_multicast_interfaces_list",
-         [](const R &r) {
-             return renderList(r.parent.deny_multicast_interfaces_list,
-                               r.parent.deny_multicast_interfaces_list_length);
-         }},
-        VESK_TEST_NUMBER_FIELD(parent.deny_multicast_interfaces_list_length),
-        {"parent.transport_uuid",
-         [](const R &r) {
-             return renderBytes(r.parent.transport_uuid.value,
-                                sizeof r.parent.transport_uuid.value);
-         }},
-        {"parent.domain_participant_ptr",
-         [](const R &r) { return renderPointer(r.parent.domain_participant_ptr); }},
-        {"parent.domain_participant_forwarder",
-         [](const R &r) {
-             return renderPointer(static_cast<const void *>(r.parent.domain_participant_forwarder));
-         }},
-        {"parent.thread_name_prefix",
-         [](const R &r) { return renderString(r.parent.thread_name_prefix); }},
-        VESK_TEST_NUMBER_FIELD(parent.max_interface_count),
-        VESK_TEST_NUMBER_FIELD(send_socket_buffer_size),
-        VESK_TEST_NUMBER_FIELD(recv_socket_buffer_size),
-        VESK_TEST_NUMBER_FIELD(unicast_enabled),
-        VESK_TEST_NUMBER_FIELD(multicast_enabled),
-        VESK_TEST_NUMBER_FIELD(multicast_ttl),
-        VESK_TEST_NUMBER_FIELD(multicast_loopback_disabled),
-        VESK_TEST_NUMBER_FIELD(ignore_loopback_interface),
-        VESK_TEST_NUMBER_FIELD(ignore_nonup_interfaces),
-        VESK_TEST_NUMBER_FIELD(ignore_nonrunning_interfaces),
-        VESK_TEST_NUMBER_FIELD(no_zero_copy),
-        VESK_TEST_NUMBER_FIELD(send_blocking),
-        VESK_TEST_NUMBER_FIELD(enable_v4mapped),
-        VESK_TEST_NUMBER_FIELD(use_checksum),
-        VESK_TEST_NUMBER_FIELD(transport_priority_mask),
-        VESK_TEST_NUMBER_FIELD(transport_priority_mapping_low),
-        VESK_TEST_NUMBER_FIELD(transport_priority_mapping_high),
-        VESK_TEST_NUMBER_FIELD(send_ping),
-        VESK_TEST_NUMBER_FIELD(force_interface_poll_detection),
-        VESK_TEST_NUMBER_FIELD(interface_poll_period),
-        VESK_TEST_NUMBER_FIELD(reuse_multicast_receive_resource),
-        VESK_TEST_NUMBER_FIELD(protocol_overhead_max),
-        VESK_TEST_NUMBER_FIELD(disable_interface_tracking),
-        VESK_TEST_NUMBER_FIELD(join_multicast_group_timeout),
-        {"public_address", [](const R &r) { return renderString(r.public_address); }},
-        {"comm_ports_list",
-         [](const R &r) { return renderCommPorts(r.comm_ports_list, r.comm_ports_list_length); }},
-        VESK_TEST_NUMBER_FIELD(comm_ports_list_length),
-        {"wan_listener", [](const R &r) { return renderPointer(r.wan_listener); }},
-        VESK_TEST_NUMBER_FIELD(port_offset),
-        VESK_TEST_NUMBER_FIELD(binding_ping_period),
-        VESK_TEST_NUMBER_FIELD(binding_ping_mapping_expiration),
-        VESK_TEST_NUMBER_FIELD(gather_detailed_statistics),
-        VESK_TEST_NUMBER_FIELD(drop_samples_by_guid_prefix),
-        VESK_TEST_NUMBER_FIELD(guid_prefix_to_drop.hostId),
-        VESK_TEST_NUMBER_FIELD(guid_prefix_to_drop.appId),
-        VESK_TEST_NUMBER_FIELD(guid_prefix_to_drop.instanceId),
-    };
-    return fields;
-}
-
-#undef VESK_TEST_NUMBER_FIELD
-
-// The names of the fields in which two records differ.
-inline std::vector<std::string> differingFields(const VESK_Transport_UDP_Property_t &left,
-                                                const VESK_Transport_UDP_Property_t &right) {
-    std::vector<std::string> out;
-    for (const UdpField &field : udpFields()) {
-        if (field.render(left) != field.render(right)) out.push_back(field.name);
+inline std::string renderFlags(const VESK_Transport_internalMemoryAllocations &f) {
+    std::string out;
+    for (KEL_INT32 flag :
+         {f._allowInterfacesListAllocated, f._denyInterfacesListAllocated,
+          f._allowMulticastInterfacesListAllocated, f._denyMulticastInterfacesListAllocated,
+          f._publicAddressAllocated, f._commPortsAllocated}) {
+        out += (out.empty() ? "" : ",") + std::to_string(flag);
     }
     return out;
 }
 
-inline void expectSameRecord(const VESK_Transport_UDP_Property_t &expected,
-                             const VESK_Transport_UDP_Property_t &actual) {
-    for (const UdpField &field : udpFields()) {
-        EXPECT_EQ(field.render(expected), field.render(actual)) << "field " << field.name;
+template <typename Record>
+struct Field {
+    const char *name;
+    std::string (*render)(const Record &record);
+};
+using Udp = VESK_Transport_UDP_Property_t;
+using Shmem = VESK_Transport_Shmem_Property_t;
+using Generic = VESK_Transport_Property_t;
+
+// clang-format off
+#define VESK_NUMBER(R, path) Field<R>{#path, [](const R &r) { return std::to_string(r.path); }}
+#define VESK_LIST(R, path) Field<R>{#path, [](const R &r) { return renderList(r.path, r.path##_length); }}, VESK_NUMBER(R, path##_length)
+// clang-format on
+
+// Every field of the generic record, in the record's order; lists and
+// strings by content.
+inline const std::vector<Field<Generic>> &genericFields() {
+    static const std::vector<Field<Generic>> fields = {
+        VESK_NUMBER(Generic, classid),
+        VESK_NUMBER(Generic, address_bit_count),
+        VESK_NUMBER(Generic, properties_bitmap),
+        VESK_NUMBER(Generic, gather_send_buffer_count_max),
+        VESK_NUMBER(Generic, message_size_max),
+        VESK_LIST(Generic, allow_interfaces_list),
+        VESK_LIST(Generic, deny_interfaces_list),
+        VESK_LIST(Generic, allow_multicast_interfaces_list),
+        VESK_LIST(Generic, deny_multicast_interfaces_list),
+        {"transport_uuid",
+         [](const Generic &r) { return renderBytes(r.transport_uuid.value, 12); }},
+        {"domain_participant_ptr",
+         [](const Generic &r) { return renderPointer(r.domain_participant_ptr); }},
+        {"domain_participant_forwarder",
+         [](const Generic &r) {
+             return renderPointer(reinterpret_cast<const void *>(r.domain_participant_forwarder));
+         }},
+        {"thread_name_prefix", [](const Generic &r) { return renderString(r.thread_name_prefix); }},
+        VESK_NUMBER(Generic, max_interface_count),
+    };
+    return fields;
+}
+
+// The UDP fields after the generic part.
+inline const std::vector<Field<Udp>> &udpOwnFields() {
+    static const std::vector<Field<Udp>> fields = {
+        VESK_NUMBER(Udp, send_socket_buffer_size),
+        VESK_NUMBER(Udp, recv_socket_buffer_size),
+        VESK_NUMBER(Udp, unicast_enabled),
+        VESK_NUMBER(Udp, multicast_enabled),
+        VESK_NUMBER(Udp, multicast_ttl),
+        VESK_NUMBER(Udp, multicast_loopback_disabled),
+        VESK_NUMBER(Udp, ignore_loopback_interface),
+        VESK_NUMBER(Udp, ignore_nonup_interfaces),
+        VESK_NUMBER(Udp, ignore_nonrunning_interfaces),
+        VESK_NUMBER(Udp, no_zero_copy),
+        VESK_NUMBER(Udp, send_blocking),
+        VESK_NUMBER(Udp, enable_v4mapped),
+        VESK_NUMBER(Udp, use_checksum),
+        VESK_NUMBER(Udp, transport_priority_mask),
+        VESK_NUMBER(Udp, transport_priority_mapping_low),
+        VESK_NUMBER(Udp, transport_priority_mapping_high),
+        VESK_NUMBER(Udp, send_ping),
+        VESK_NUMBER(Udp, force_interface_poll_detection),
+        VESK_NUMBER(Udp, interface_poll_period),
+        VESK_NUMBER(Udp, reuse_multicast_receive_resource),
+        VESK_NUMBER(Udp, protocol_overhead_max),
+        VESK_NUMBER(Udp, disable_interface_tracking),
+        VESK_NUMBER(Udp, join_multicast_group_timeout),
+        {"public_address", [](const Udp &r) { return renderString(r.public_address); }},
+        {"comm_ports_list",
+         [](const Udp &r) { return renderCommPorts(r.comm_ports_list, r.comm_ports_list_length); }},
+        VESK_NUMBER(Udp, comm_ports_list_length),
+        {"wan_listener", [](const Udp &r) { return renderPointer(r.wan_listener); }},
+        VESK_NUMBER(Udp, port_offset),
+        VESK_NUMBER(Udp, binding_ping_period),
+        VESK_NUMBER(Udp, binding_ping_mapping_expiration),
+        VESK_NUMBER(Udp, gather_detailed_statistics),
+        VESK_NUMBER(Udp, drop_samples_by_guid_prefix),
+        VESK_NUMBER(Udp, guid_prefix_to_drop.hostId),
+        VESK_NUMBER(Udp, guid_prefix_to_drop.appId),
+        VESK_NUMBER(Udp, guid_prefix_to_drop.instanceId),
+    };
+    return fields;
+}
+
+// The shared-memory fields after the generic part.
+inline const std::vector<Field<Shmem>> &shmemOwnFields() {
+    static const std::vector<Field<Shmem>> fields = {
+        VESK_NUMBER(Shmem, received_message_count_max),
+        VESK_NUMBER(Shmem, receive_buffer_size),
+        VESK_NUMBER(Shmem, enable_udp_debugging),
+        {"udp_debugging_address",
+         [](const Shmem &r) {
+             return renderBytes(r.udp_debugging_address.network_ordered_value, 16);
+         }},
+        VESK_NUMBER(Shmem, udp_debugging_port),
+        VESK_NUMBER(Shmem, segmentKeyOffset),
+        VESK_NUMBER(Shmem, segmentKeyFactor),
+        VESK_NUMBER(Shmem, semaphoreKeyOffset),
+        VESK_NUMBER(Shmem, semaphoreKeyFactor),
+        VESK_NUMBER(Shmem, mutexKeyOffset),
+        VESK_NUMBER(Shmem, mutexKeyFactor),
+        VESK_NUMBER(Shmem, maxAllowedWriterDurationMillisec),
+        VESK_NUMBER(Shmem, reserved),
+        {"shmemUUID",
+         [](const Shmem &r) { return renderBytes(r.shmemUUID.network_ordered_value, 16); }},
+        VESK_NUMBER(Shmem, majorVersion),
+    };
+    return fields;
+}
+
+#undef VESK_NUMBER
+#undef VESK_LIST
+
+using Rendered = std::vector<std::pair<std::string, std::string>>;
+
+// Every field (generic part first, its names without "parent.") by content.
+template <typename Record>
+Rendered render(const Record &record) {
+    Rendered out;
+    const Generic &parent = reinterpret_cast<const Generic &>(record);
+    for (const auto &field : genericFields()) out.emplace_back(field.name, field.render(parent));
+    if constexpr (std::is_same_v<Record, Udp>) {
+        for (const auto &field : udpOwnFields()) out.emplace_back(field.name, field.render(record));
+    } else if constexpr (std::is_same_v<Record, Shmem>) {
+        for (const auto &field : shmemOwnFields()) {
+            out.emplace_back(field.name, field.render(record));
+        }
     }
+    return out;
+}
+
+// The names of the fields in which two records differ.
+template <typename Record>
+std::vector<std::string> differingFields(const Record &left, const Record &right) {
+    const Rendered a = render(left), b = render(right);
+    std::vector<std::string> out;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i].second != b[i].second) out.push_back(a[i].first);
+    }
+    return out;
+}
+
+// The fields in which after differs from before, with their values after.
+template <typename Record>
+Rendered changes(const Record &before, const Record &after) {
+    const Rendered a = render(before), b = render(after);
+    Rendered out;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i].second != b[i].second) out.push_back(b[i]);
+    }
+    return out;
+}
+
+// base with the given fields replaced.
+inline Rendered with(Rendered base, const Rendered &replaced) {
+    for (auto &[name, value] : base) {
+        for (const auto &[replacedName, replacedValue] : replaced) {
+            if (name == replacedName) value = replacedValue;
+        }
+    }
+    return base;
+}
+
+template <typename Record>
+std::string field(const Record &record, const std::string &name) {
+    for (const auto &[fieldName, value] : render(record)) {
+        if (fieldName == name) return value;
+    }
+    ADD_FAILURE() << "no field " << name;
+    return {};
+}
+
+// A record with the default thread-name prefix that a setup gives.
+template <typename Record>
+Record withDefaultThreadName(Record record) {
+    reinterpret_cast<Generic &>(record).thread_name_prefix = DEFAULT_THREAD_NAME_PREFIX;
+    return record;
 }
 
 // A factory's working state: a copy of a default record and cleared flags;
-// the UDP cleanup runs when it goes out of scope.
+// the cleanup runs when it goes out of scope.
 struct UdpRecord {
-    VESK_Transport_UDP_Property_t record;
+    Udp record;
     VESK_Transport_internalMemoryAllocations allocations{};
 
-    explicit UdpRecord(const VESK_Transport_UDP_Property_t &defaults) : record(defaults) {}
+    explicit UdpRecord(const Udp &defaults) : record(defaults) {}
     ~UdpRecord() { VESK_Transport_cleanupUDPProperty(&record, &allocations); }
     UdpRecord(const UdpRecord &) = delete;
     UdpRecord &operator=(const UdpRecord &) = delete;
@@ -241,5 +306,80 @@ struct UdpRecord {
                                                classid);
     }
 };
+
+struct ShmemRecord {
+    Shmem record = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
+    VESK_Transport_internalMemoryAllocations flags{};
+    ~ShmemRecord() { VESK_Transport_cleanupShmemProperty(&record, &flags); }
+    int setup(const PropertyList &properties, const DDS_WireProtocolQosPolicy *policy = nullptr,
+              DDS_RtpsAppIdGenerator *generator = nullptr,
+              const DDS_ProductVersion_t *minimum = nullptr) {
+        return VESK_Transport_setupShmemProperty(&record, &flags, properties.get(), policy,
+                                                 generator, minimum);
+    }
+};
+
+struct PluginDeleter {
+    void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
+};
+using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
+
+// A plugin's own record: its property member heads the class's record.
+template <typename Record>
+const Record &recordOf(const PluginPtr &plugin) {
+    return *reinterpret_cast<const Record *>(plugin->property);
+}
+
+// The platform's mutexes taken as robust (1) or not (0) while in scope.
+struct ForcedRobustMutex {
+    explicit ForcedRobustMutex(int mode) { KELOsapiSharedMemorySemMutex_forceRobustMutex(mode); }
+    ~ForcedRobustMutex() { KELOsapiSharedMemorySemMutex_forceRobustMutex(-1); }
+    ForcedRobustMutex(const ForcedRobustMutex &) = delete;
+    ForcedRobustMutex &operator=(const ForcedRobustMutex &) = delete;
+};
+
+// The host's unique id replaced while in scope.
+struct UniqueIdOverride {
+    explicit UniqueIdOverride(const std::array<unsigned char, 16> &bytes) {
+        KELOsapiHostId id;
+        std::memcpy(id.value, bytes.data(), bytes.size());
+        KELOsapiHost_setUniqueIdOverride(&id);
+    }
+    ~UniqueIdOverride() { KELOsapiHost_setUniqueIdOverride(nullptr); }
+    UniqueIdOverride(const UniqueIdOverride &) = delete;
+    UniqueIdOverride &operator=(const UniqueIdOverride &) = delete;
+};
+
+// Restores the logger's precondition flags.
+struct PreconditionFlags {
+    int detect = KELLog_g_detectPrecondition;
+    int detected = KELLog_g_preconditionDetected;
+    ~PreconditionFlags() {
+        KELLog_g_detectPrecondition = detect;
+        KELLog_g_preconditionDetected = detected;
+    }
+};
+
+// One precondition failure of function, naming what (inside quotes).
+inline void expectPrecondition(const LogCapture &log, const char *function, const char *what) {
+    const auto entries = log.entries();
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ(KEL_LOG_BIT_EXCEPTION, entries[0].level);
+    EXPECT_EQ(function, entries[0].function);
+    EXPECT_EQ("KEL_LOG_PRECONDITION_FAILURE_s", entries[0].template_name);
+    ASSERT_EQ(1u, entries[0].params.size());
+    const std::string &condition = entries[0].params[0];
+    EXPECT_TRUE(condition.size() >= 2 && condition.front() == '"' && condition.back() == '"')
+        << condition;
+    EXPECT_NE(std::string::npos, condition.find(what)) << condition;
+}
+
+inline std::vector<std::string> contents(char *const *list, KEL_INT32 length) {
+    std::vector<std::string> out;
+    for (KEL_INT32 i = 0; list != nullptr && i < length; ++i) {
+        out.emplace_back(list[i] == nullptr ? "(null)" : list[i]);
+    }
+    return out;
+}
 
 }  // namespace vesk::test
