@@ -29,9 +29,13 @@ struct ListOptions {
     std::optional<std::string> minVersion;
     std::vector<std::string> files;
     bool json = false;
+    bool verbose = false;
 };
 
 void addListOptions(CLI::App &command, ListOptions &options) {
+    command.add_flag("--json", options.json, "print JSON (errors too)");
+    command.add_flag("--verbose", options.verbose,
+                     "name the module's message template and function after each message");
     command.add_option("--class", options.className, "transport class")
         ->required()
         ->check(CLI::IsMember(classOptions()));
@@ -79,52 +83,82 @@ int inspectList(const ListOptions &options, bool report) {
     PropertyList list;
     readPropertyFiles(options.files, list);
     const Inspection inspection = inspect(*transportClass, list, inspectWith);
-    if (!report) {
-        printMessages(std::cerr, inspection.messages);
-    } else if (options.json) {
+    if (options.json) {
         Json out;
         out["files"] = options.files;
         out.update(toJson(inspection));
+        if (!report) {
+            for (const char *key : {"validation", "record", "not_read"}) out.erase(key);
+        }
         std::cout << out.dump(2) << '\n';
+    } else if (!report) {
+        printMessages(std::cerr, inspection.messages, options.verbose);
     } else {
         std::cout << "files: ";
         for (std::size_t i = 0; i < options.files.size(); ++i) {
             std::cout << (i == 0 ? "" : ", ") << options.files[i];
         }
         std::cout << '\n';
-        printReport(std::cout, inspection);
+        printReport(std::cout, inspection, options.verbose);
     }
     return inspection.accepted() ? EXIT_ACCEPTED : EXIT_REFUSED;
 }
 
+// With --json anywhere on the command line, errors are JSON on stdout too.
+bool jsonRequested(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--json") return true;
+    }
+    return false;
+}
+
+int reportError(bool json, const std::string &kind, const std::string &message,
+                const Origin *origin = nullptr) {
+    if (json) {
+        Json error = {{"kind", kind}, {"message", message}};
+        if (origin != nullptr) {
+            error["file"] = origin->file;
+            error["line"] = origin->line > 0 ? Json(origin->line) : Json(nullptr);
+        }
+        std::cout << Json{{"error", error}}.dump(2) << '\n';
+    } else if (origin != nullptr) {
+        std::cerr << describe(*origin) << ": error: " << message << '\n';
+    } else {
+        std::cerr << "vesk-transport: " << message << "\nRun with --help for more information.\n";
+    }
+    return EXIT_USAGE;
+}
+
 int run(int argc, char **argv) {
+    const bool json = jsonRequested(argc, argv);
     CLI::App app{
         "vesk-transport: shows what a transport property list does, lists the properties "
         "of each transport class, and runs a demo of the transport-support module."};
     app.require_subcommand(1);
 
+    app.set_version_flag("--version", std::string("vesk-transport ") + VESK_TRANSPORT_VERSION);
+
     ListOptions showOptions;
     CLI::App *show = app.add_subcommand(
         "show", "print the record that the class's setup makes of the property files");
     addListOptions(*show, showOptions);
-    show->add_flag("--json", showOptions.json, "print JSON");
 
     ListOptions checkOptions;
     CLI::App *check = app.add_subcommand(
         "check",
-        "exit 0 when the class accepts the property files, 1 when it refuses them, 2 for usage or "
-        "file errors; prints nothing but the module's messages (on stderr)");
+        "exit 0 when the class accepts the property files, 1 when it (or the tool) refuses them, 2 "
+        "for usage or file errors; prints nothing but the messages (on stderr; --json: on stdout)");
     addListOptions(*check, checkOptions);
 
     std::string referenceClass;
     bool markdown = false;
-    CLI::App *properties = app.add_subcommand(
-        "properties", "list every property a class reads (--markdown: all classes)");
+    CLI::App *properties = app.add_subcommand("properties", "list every property a class reads");
     properties->add_option("--class", referenceClass, "transport class")
         ->check(CLI::IsMember(classOptions()));
     properties->add_flag(
         "--markdown", markdown,
-        "print the property reference of every class as Markdown (docs/properties.md)");
+        "print the property reference as Markdown: of --class only, or of every class "
+        "(docs/properties.md)");
 
     CLI::App *demo = app.add_subcommand(
         "demo", "run the whole module in one process and narrate it (uses the loopback interface)");
@@ -132,6 +166,7 @@ int run(int argc, char **argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
+        if (json && error.get_exit_code() != 0) return reportError(true, "usage", error.what());
         const int code = app.exit(error);
         return code == 0 ? EXIT_ACCEPTED : EXIT_USAGE;
     }
@@ -141,7 +176,8 @@ int run(int argc, char **argv) {
         if (check->parsed()) return inspectList(checkOptions, false);
         if (properties->parsed()) {
             if (markdown) {
-                std::cout << markdownReference();
+                std::cout << markdownReference(referenceClass.empty() ? nullptr
+                                                                      : findClass(referenceClass));
                 return EXIT_ACCEPTED;
             }
             if (referenceClass.empty()) throw UsageError("properties: give --class or --markdown");
@@ -150,12 +186,9 @@ int run(int argc, char **argv) {
         }
         if (demo->parsed()) return runDemo(std::cout) == 0 ? EXIT_ACCEPTED : EXIT_REFUSED;
     } catch (const UsageError &error) {
-        std::cerr << "vesk-transport: " << error.what()
-                  << "\nRun with --help for more information.\n";
-        return EXIT_USAGE;
+        return reportError(json, "usage", error.what());
     } catch (const FileError &error) {
-        std::cerr << describe(error.origin()) << ": error: " << error.reason() << '\n';
-        return EXIT_USAGE;
+        return reportError(json, "file", error.reason(), &error.origin());
     }
     return EXIT_USAGE;
 }
