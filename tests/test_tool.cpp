@@ -2,6 +2,8 @@
 // process, and the built tool on the example files and on broken ones
 // (tests/data/): one table of file, command, exit code and expected text.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -278,14 +280,17 @@ struct RunResult {
 };
 
 // Runs the tool from the source directory, so that file names are the
-// relative ones given.
-RunResult runTool(const std::string &arguments) {
+// relative ones given; with netns, in a network namespace of its own after
+// the shell commands netns.
+RunResult runTool(const std::string &arguments, const std::string &netns = "") {
     char errPath[] = "/tmp/vesk_tool_test_XXXXXX";
     const int fd = mkstemp(errPath);
     close(fd);
-    const std::string command = "cd '" + std::string(VESK_SOURCE_DIR) + "' && '" +
-                                VESK_TRANSPORT_TOOL_PATH + "' " + arguments + " 2>'" + errPath +
-                                "' </dev/null";
+    const std::string tool = "'" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' " + arguments;
+    const std::string command =
+        "cd '" + std::string(VESK_SOURCE_DIR) + "' && " +
+        (netns.empty() ? tool : "unshare -n sh -c \"" + netns + " && exec " + tool + "\"") +
+        " 2>'" + errPath + "' </dev/null";
     RunResult result;
     FILE *pipe = popen(command.c_str(), "r");
     std::array<char, 4096> buffer;
@@ -304,6 +309,7 @@ struct ToolCase {
     int exitCode;
     std::vector<std::string> out;  // texts stdout holds; {""}: stdout is empty
     std::vector<std::string> err;  // the same for stderr
+    std::string netns = "";        // run in a new network namespace after these commands
 };
 
 void expectTexts(const std::string &stream, const std::vector<std::string> &texts,
@@ -321,7 +327,7 @@ void expectTexts(const std::string &stream, const std::vector<std::string> &text
 void runToolCases(const std::vector<ToolCase> &cases) {
     for (const ToolCase &c : cases) {
         SCOPED_TRACE("vesk-transport " + c.arguments);
-        const RunResult result = runTool(c.arguments);
+        const RunResult result = runTool(c.arguments, c.netns);
         EXPECT_EQ(result.exitCode, c.exitCode) << result.out << result.err;
         expectTexts(result.out, c.out, "stdout");
         expectTexts(result.err, c.err, "stderr");
@@ -493,7 +499,8 @@ TEST(ToolCommand, UsageFileErrorsVersionAndProperties) {
          {""}},
         {"properties --class shmem --markdown", 0, {"## SHMEM (`--class shmem`)"}, {""}},
     });
-    EXPECT_EQ(runTool("properties --class shmem --markdown").out.find("## UDPv4"), std::string::npos);
+    EXPECT_EQ(runTool("properties --class shmem --markdown").out.find("## UDPv4"),
+              std::string::npos);
     EXPECT_EQ(runTool("properties --class udpv6").out.find("UDPV4_BLOCKING"), std::string::npos);
 }
 
@@ -516,6 +523,89 @@ TEST(ToolCommand, JsonReports) {
     EXPECT_EQ(failure["messages"][0]["template"], "KEL_LOG_UNKNOWN_PROPERTY_s");
     EXPECT_EQ(failure["messages"][0]["fix"], "did you mean parent.message_size_max?");
     EXPECT_EQ(failure["messages"][0]["property"]["line"], 3);
+}
+
+TEST(ToolDoctor, ChecksWhatTheHostDelivers) {
+    // A port held here: doctor must find it taken (domain 100: 7400 + 25000 + 11).
+    const int held = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(32411);
+    const bool holding = bind(held, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    runToolCases({
+        {"doctor --class udpv4 " + DATA + "doctor_clamped.properties",
+         1,
+         {"problem receive buffer asked for 2147483647 bytes, the kernel granted",
+          "fix: sudo sysctl -w net.core.rmem_max=2147483647",
+          "problem message size   a message of parent.message_size_max 65507 bytes does not fit "
+          "the send buffer of 4096 bytes"},
+         {""}},
+        {"doctor --class udpv4 --domain 232 --participant 119 " + DATA + "doctor_lo.properties",
+         1,
+         {"problem port           domain 232, participant 119: discovery unicast port 65648 is "
+          "beyond 65535"},
+         {""}},
+        {"doctor --class udpv4 " + DATA + "udpv4_misspelt.properties",
+         1,
+         {"problem properties     " + DATA + "udpv4_misspelt.properties:3: unknown property",
+          "fix: did you mean parent.message_size_max?"},
+         {""}},
+        {"doctor --class shmem examples/shmem.properties", 0, {"uses no network"}, {""}},
+        {"doctor --class udpv4 --domain 232 --participant 119", 2, {""}, {"files"}},
+    });
+    if (holding) {
+        runToolCases({{"doctor --class udpv4 --domain 100 " + DATA + "doctor_lo.properties",
+                       1,
+                       {"user unicast port 32411 cannot be bound: bind: Address already in use",
+                        "fix: another participant holds it: check --participant 1"},
+                       {""}}});
+    }
+    close(held);
+    const Json wan =
+        Json::parse(runTool("doctor --json --class udpv4-wan examples/udpv4_wan.properties").out);
+    const auto has = [&](const std::string &finding) {
+        return std::any_of(wan["checks"].begin(), wan["checks"].end(), [&](const Json &check) {
+            return check["finding"].get<std::string>().find(finding) != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(has("public_address 203.0.113.5 (an IPv4 address)"));
+    EXPECT_TRUE(has("mapping rtps 7411 -> host 7500 -> public 7500"));
+    EXPECT_TRUE(has("no WAN listener registered"));
+}
+
+// In a namespace of its own the test decides the interfaces: lo only, with
+// the MTU and flags each row gives it.
+TEST(ToolDoctor, InANetworkNamespace) {
+    if (system("unshare -n true 2>/dev/null") != 0)
+        GTEST_SKIP() << "cannot make a network namespace";
+    runToolCases({
+        {"doctor --class udpv4 " + DATA + "doctor_lo.properties",
+         0,
+         {"ok      interface      lo 127.0.0.1: up, MTU 1280, multicast",
+          "warning message size   parent.message_size_max 9000: larger messages than 1252 bytes "
+          "are sent in IP fragments on lo (MTU 1280)",
+          "fix: set parent.message_size_max = 1252",
+          "ok      multicast      join 239.255.0.1 on lo: joined",
+          "came back: multicast works on this host", "0 problem(s), 1 warning(s)"},
+         {""},
+         "ip link set lo up mtu 1280 multicast on"},
+        {"doctor --class udpv4 " + DATA + "doctor_lo.properties",
+         1,
+         {"problem interface      the transport selected no interface",
+          "warning multicast      multicast does not work here: a datagram sent to 239.255.0.1 "
+          "on lo (loopback on, TTL 0) failed: sendto: Network is unreachable"},
+         {""},
+         "true"},
+    });
+    for (const char *example : {"udpv4", "udpv6", "udpv4_wan"}) {
+        std::string option = example;
+        std::replace(option.begin(), option.end(), '_', '-');
+        runToolCases({{"doctor --class " + option + " examples/" + example + ".properties",
+                       0,
+                       {"the setup applied", "\n0 problem(s)"},
+                       {""},
+                       "ip link set lo up multicast on"}});
+    }
 }
 
 TEST(ToolCommand, CommittedPropertyReferenceIsUpToDate) {

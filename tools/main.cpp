@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/Demo.hpp"
+#include "tools/Doctor.hpp"
 #include "tools/Inspection.hpp"
 #include "tools/PropertyFiles.hpp"
 #include "tools/Reference.hpp"
@@ -76,6 +77,10 @@ InspectOptions inspectOptions(const TransportClass &transportClass, const ListOp
     return out;
 }
 
+void printFiles(const std::vector<std::string> &files) {
+    for (std::size_t i = 0; i < files.size(); ++i) std::cout << (i == 0 ? "" : ", ") << files[i];
+}
+
 // show (report on stdout) and check (messages on stderr only).
 int inspectList(const ListOptions &options, bool report) {
     const TransportClass *transportClass = findClass(options.className);
@@ -95,9 +100,7 @@ int inspectList(const ListOptions &options, bool report) {
         printMessages(std::cerr, inspection.messages, options.verbose);
     } else {
         std::cout << "files: ";
-        for (std::size_t i = 0; i < options.files.size(); ++i) {
-            std::cout << (i == 0 ? "" : ", ") << options.files[i];
-        }
+        printFiles(options.files);
         std::cout << '\n';
         printReport(std::cout, inspection, options.verbose);
     }
@@ -127,6 +130,26 @@ int reportError(bool json, const std::string &kind, const std::string &message,
         std::cerr << "vesk-transport: " << message << "\nRun with --help for more information.\n";
     }
     return EXIT_USAGE;
+}
+
+int doctor(const ListOptions &options, const DoctorOptions &doctorOptions) {
+    const TransportClass *transportClass = findClass(options.className);
+    const InspectOptions inspectWith = inspectOptions(*transportClass, options);
+    PropertyList list;
+    readPropertyFiles(options.files, list);
+    const DoctorReport report = runDoctor(*transportClass, list, inspectWith, doctorOptions);
+    if (options.json) {
+        Json out = {{"files", options.files}};
+        out.update(toJson(report));
+        std::cout << out.dump(2) << '\n';
+    } else {
+        std::cout << "vesk-transport doctor: " << transportClass->title << " transport from ";
+        printFiles(options.files);
+        std::cout << "; domain " << doctorOptions.domain << ", participant "
+                  << doctorOptions.participant << "\n";
+        printDoctor(std::cout, report);
+    }
+    return report.exitCode();
 }
 
 int run(int argc, char **argv) {
@@ -160,6 +183,27 @@ int run(int argc, char **argv) {
         "print the property reference as Markdown: of --class only, or of every class "
         "(docs/properties.md)");
 
+    ListOptions doctorOptions;
+    DoctorOptions doctorChecks;
+    CLI::App *doctorCommand = app.add_subcommand(
+        "doctor",
+        "will the property files work on this host? builds the transport and checks interfaces, "
+        "socket buffers, message size, multicast, the domain's ports and the WAN settings; exit 0 "
+        "when everything asked for can be delivered, 1 when something cannot, 2 for usage or file "
+        "errors");
+    addListOptions(*doctorCommand, doctorOptions);
+    doctorCommand
+        ->add_option("--domain", doctorChecks.domain,
+                     "domain id whose RTPS ports are checked (port = 7400 + 250 * domain + ...)")
+        ->check(CLI::Range(0, 232));
+    doctorCommand
+        ->add_option("--participant", doctorChecks.participant,
+                     "participant index whose unicast ports are checked")
+        ->check(CLI::Range(0, 119));
+    doctorCommand->add_flag("--join", doctorChecks.joinEverywhere,
+                            "join the multicast group on every selected multicast interface, not "
+                            "only on loopback (the kernel sends a membership report there)");
+
     CLI::App *demo = app.add_subcommand(
         "demo", "run the whole module in one process and narrate it (uses the loopback interface)");
 
@@ -174,6 +218,7 @@ int run(int argc, char **argv) {
     try {
         if (show->parsed()) return inspectList(showOptions, true);
         if (check->parsed()) return inspectList(checkOptions, false);
+        if (doctorCommand->parsed()) return doctor(doctorOptions, doctorChecks);
         if (properties->parsed()) {
             if (markdown) {
                 std::cout << markdownReference(referenceClass.empty() ? nullptr
