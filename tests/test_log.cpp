@@ -48,6 +48,7 @@ const TemplateRow kTemplates[] = {
     ROW(DDS_LOG_SET_FAILURE_s),
     ROW(DDS_LOG_OUT_OF_RESOURCES_s),
     ROW(DDS_LOG_SEQUENCE_NOT_OWNER),
+    ROW(KEL_LOG_TRANSPORT_STATUS_TEMPLATE),
 };
 #undef ROW
 

@@ -189,6 +189,7 @@ KEL_LOG_DEFINE_TEMPLATE(DDS_LOG_GET_FAILURE_s, "s", "failed to get %s");
 KEL_LOG_DEFINE_TEMPLATE(DDS_LOG_SET_FAILURE_s, "s", "failed to set %s");
 KEL_LOG_DEFINE_TEMPLATE(DDS_LOG_OUT_OF_RESOURCES_s, "s", "out of resources: %s");
 KEL_LOG_DEFINE_TEMPLATE(DDS_LOG_SEQUENCE_NOT_OWNER, "", "the sequence does not own its contents");
+KEL_LOG_DEFINE_TEMPLATE(KEL_LOG_TRANSPORT_STATUS_TEMPLATE, nullptr, "transport: %s");
 
 void KELLogMessage_printWithParams(int instrumentation, KEL_UINT32 level, KEL_UINT32 module_id,
                                    const char *file, int line, const char *function,

@@ -103,6 +103,9 @@ KEL_LOG_DECLARE_TEMPLATE(DDS_LOG_GET_FAILURE_s);
 KEL_LOG_DECLARE_TEMPLATE(DDS_LOG_SET_FAILURE_s);
 KEL_LOG_DECLARE_TEMPLATE(DDS_LOG_OUT_OF_RESOURCES_s);
 KEL_LOG_DECLARE_TEMPLATE(DDS_LOG_SEQUENCE_NOT_OWNER);
+/* Transport status and warnings that no other template fits (interfaces in
+ * use, interface changes, multicast joins). */
+KEL_LOG_DECLARE_TEMPLATE(KEL_LOG_TRANSPORT_STATUS_TEMPLATE);
 
 /* Writes a message whose parameters follow as varargs, one per letter of
  * the template's params ('s': const char *, NULL printed as "(null)";
