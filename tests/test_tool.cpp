@@ -581,14 +581,17 @@ TEST(ToolDoctor, InANetworkNamespace) {
     runToolCases({
         {"doctor --class udpv4 " + DATA + "doctor_lo.properties",
          0,
-         {"ok      interface      lo 127.0.0.1: up, MTU 1280, multicast",
+         {"ok      interface      uses lo 127.0.0.1: up, MTU 1280",
+          "ok      interface      leaves out d0 198.51.100.9: not in the allow list",
           "warning message size   parent.message_size_max 9000: larger messages than 1252 bytes "
           "are sent in IP fragments on lo (MTU 1280)",
           "fix: set parent.message_size_max = 1252",
           "ok      multicast      join 239.255.0.1 on lo: joined",
           "came back: multicast works on this host", "0 problem(s), 1 warning(s)"},
          {""},
-         "ip link set lo up mtu 1280 multicast on"},
+         "ip link set lo up mtu 1280 multicast on && ip link add d0 type veth peer name d1 && ip "
+         "addr add "
+         "198.51.100.9/24 dev d0 && ip link set d0 up"},
         {"doctor --class udpv4 " + DATA + "doctor_lo.properties",
          1,
          {"problem interface      the transport selected no interface",

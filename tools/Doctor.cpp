@@ -1,11 +1,13 @@
 #include "tools/Doctor.hpp"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 
 #include <algorithm>
 #include <memory>
 
 #include "tools/Probe.hpp"
+#include "vesk_transport/platform/udp/Interfaces.hpp"
 
 namespace vesk::tool {
 
@@ -21,22 +23,32 @@ int headerBytes(bool ipv6) {
     return ipv6 ? 48 : 28;
 }
 
-struct PluginDeleter {
-    void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
-};
+using vesk::udp::InterfaceCandidate;
 
-struct SelectedInterface {
-    std::string name;
-    std::string address;
-    InterfaceProbe probe;
-};
+std::string describe(const InterfaceCandidate &candidate) {
+    return candidate.name + " " + vesk::udp::addressText(candidate);
+}
+
+// One entry per interface name, whatever its addresses.
+std::vector<InterfaceCandidate> byName(const std::vector<InterfaceCandidate> &candidates) {
+    std::vector<InterfaceCandidate> out;
+    for (const InterfaceCandidate &candidate : candidates) {
+        if (std::none_of(out.begin(), out.end(),
+                         [&](const InterfaceCandidate &c) { return c.name == candidate.name; })) {
+            out.push_back(candidate);
+        }
+    }
+    return out;
+}
 
 // What the checks look at.
 struct Context {
     const TransportClass &transportClass;
     const UdpRecord &udp;
     const DoctorOptions &options;
-    std::vector<SelectedInterface> interfaces;
+    bool hostListed;
+    vesk::udp::Selection unicast;
+    vesk::udp::Selection multicast;
     BufferProbe send;
     BufferProbe receive;
     std::vector<CheckResult> &out;
@@ -53,18 +65,25 @@ std::string bytes(long count) {
 }
 
 void checkInterfaces(Context &context) {
-    for (const SelectedInterface &selected : context.interfaces) {
-        context.add("interface", Verdict::ok,
-                    selected.name + " " + selected.address + ": " +
-                        (selected.probe.up ? "up" : "down") + ", MTU " +
-                        std::to_string(selected.probe.mtu) +
-                        (selected.probe.multicast ? ", multicast" : ", no multicast flag"));
+    if (!context.hostListed) {
+        context.add("interface", Verdict::problem, "the host's interfaces cannot be listed");
+        return;
     }
-    if (context.interfaces.empty()) {
+    for (const InterfaceCandidate &used : context.unicast.selected) {
+        context.add("interface", Verdict::ok,
+                    "uses " + describe(used) + ": " + ((used.flags & IFF_UP) ? "up" : "down") +
+                        ", MTU " + std::to_string(used.mtu));
+    }
+    for (const vesk::udp::ExcludedInterface &left : context.unicast.excluded) {
+        context.add("interface", Verdict::ok,
+                    "leaves out " + describe(left.candidate) + ": " +
+                        vesk::udp::exclusionText(left.reason));
+    }
+    if (context.unicast.selected.empty()) {
         context.add("interface", Verdict::problem,
                     "the transport selected no interface: it can neither send nor receive",
                     "check parent.allow_interfaces, parent.deny_interfaces and "
-                    "ignore_loopback_interface against `ip -br addr`");
+                    "ignore_loopback_interface against the reasons above");
     }
 }
 
@@ -102,22 +121,21 @@ void checkBuffers(Context &context) {
 
 void checkMessageSize(Context &context) {
     const long size = context.record().parent.message_size_max;
-    for (const SelectedInterface &selected : context.interfaces) {
-        const long payload = selected.probe.mtu - headerBytes(context.ipv6());
-        if (selected.probe.mtu <= 0) continue;
+    for (const InterfaceCandidate &selected : byName(context.unicast.selected)) {
+        const long payload = static_cast<long>(selected.mtu) - headerBytes(context.ipv6());
+        if (selected.mtu == 0) continue;
         if (size > payload) {
             context.add("message size", Verdict::warning,
                         "parent.message_size_max " + std::to_string(size) +
                             ": larger messages than " + std::to_string(payload) +
                             " bytes are sent in IP fragments on " + selected.name + " (MTU " +
-                            std::to_string(selected.probe.mtu) +
-                            "); one lost fragment loses the message",
+                            std::to_string(selected.mtu) + "); one lost fragment loses the message",
                         "set parent.message_size_max = " + std::to_string(payload) +
                             " to send without fragments on " + selected.name);
         } else {
             context.add("message size", Verdict::ok,
                         "parent.message_size_max " + std::to_string(size) + " fits one frame on " +
-                            selected.name + " (MTU " + std::to_string(selected.probe.mtu) + ")");
+                            selected.name + " (MTU " + std::to_string(selected.mtu) + ")");
         }
     }
     for (const bool send : {true, false}) {
@@ -141,20 +159,26 @@ void checkMulticast(Context &context) {
         return;
     }
     const std::string group = probeGroup(context.ipv6());
-    int joined = 0;
-    for (const SelectedInterface &selected : context.interfaces) {
-        if (!selected.probe.multicast) {
+    int usable = 0;
+    for (const InterfaceCandidate &selected : byName(context.multicast.selected)) {
+        if ((selected.flags & IFF_LOOPBACK) == 0 && !context.options.joinEverywhere) {
+            ++usable;
             context.add("multicast", Verdict::ok,
-                        selected.name +
-                            " has no MULTICAST flag: the transport sends no multicast "
-                            "on it");
+                        "may use " + selected.name +
+                            " (not joined here: a join sends a membership report on that network; "
+                            "--join does it)");
             continue;
         }
         const std::string error = tryJoin(group, selected.name, context.ipv6());
-        if (error.empty()) ++joined;
+        if (error.empty()) ++usable;
         context.add(
             "multicast", error.empty() ? Verdict::ok : Verdict::problem,
             "join " + group + " on " + selected.name + ": " + (error.empty() ? "joined" : error));
+    }
+    for (const vesk::udp::ExcludedInterface &left : context.multicast.excluded) {
+        context.add("multicast", Verdict::ok,
+                    "leaves out " + describe(left.candidate) + ": " +
+                        vesk::udp::exclusionText(left.reason));
     }
     const std::string loopback =
         multicastLoopbackProbe(group, context.ipv6(), context.options.multicastTimeoutMs);
@@ -169,9 +193,9 @@ void checkMulticast(Context &context) {
                     "give the peers' unicast addresses, or turn multicast on: ip link set lo "
                     "multicast on");
     }
-    if (joined == 0) {
+    if (usable == 0) {
         context.add("multicast", Verdict::problem,
-                    "multicast_enabled is on, but no selected interface can join " + group,
+                    "multicast_enabled is on, but no selected interface can do multicast",
                     "set multicast_enabled = false and give the peers' unicast addresses, or "
                     "allow an interface with the MULTICAST flag");
     }
@@ -284,31 +308,6 @@ using CheckFunction = void (*)(Context &);
 constexpr CheckFunction CHECKS[] = {checkInterfaces, checkBuffers, checkMessageSize,
                                     checkMulticast,  checkPorts,   checkWan};
 
-std::vector<SelectedInterface> selectedInterfaces(VESK_Transport_Plugin *plugin, bool ipv6) {
-    std::vector<VESK_Transport_UDP_InterfaceInfo> infos(static_cast<std::size_t>(
-        std::max(0, VESK_Transport_UDP_get_interfaces(plugin, nullptr, 0))));
-    const int count =
-        VESK_Transport_UDP_get_interfaces(plugin, infos.data(), static_cast<int>(infos.size()));
-    infos.resize(
-        static_cast<std::size_t>(std::clamp<int>(count, 0, static_cast<int>(infos.size()))));
-    std::vector<SelectedInterface> out;
-    for (const VESK_Transport_UDP_InterfaceInfo &info : infos) {
-        // One line per interface, whatever its addresses.
-        if (std::any_of(out.begin(), out.end(),
-                        [&](const SelectedInterface &s) { return s.name == info.name; })) {
-            continue;
-        }
-        char text[INET6_ADDRSTRLEN] = "";
-        if (ipv6) {
-            inet_ntop(AF_INET6, info.address.network_ordered_value, text, sizeof text);
-        } else {
-            inet_ntop(AF_INET, info.address.network_ordered_value + 12, text, sizeof text);
-        }
-        out.push_back({info.name, text, probeInterface(info.name)});
-    }
-    return out;
-}
-
 }  // namespace
 
 const char *verdictName(Verdict verdict) {
@@ -361,19 +360,17 @@ DoctorReport runDoctor(const TransportClass &transportClass, const PropertyList 
     }
     const char *prefix = inspectOptions.prefix ? inspectOptions.prefix->c_str() : nullptr;
     const UdpRecord udp(transportClass, list.policy(), prefix);
-    std::unique_ptr<VESK_Transport_Plugin, PluginDeleter> plugin(udp.newPlugin());
-    if (!plugin) {
-        report.checks.push_back(
-            {"properties", Verdict::problem, "the transport was not built", ""});
-        return report;
-    }
     Context context{transportClass,
                     udp,
                     options,
-                    selectedInterfaces(plugin.get(), udp.ipv6()),
+                    false,
+                    {},
+                    {},
                     probeSocketBuffer(true, udp.record().send_socket_buffer_size, udp.ipv6()),
                     probeSocketBuffer(false, udp.record().recv_socket_buffer_size, udp.ipv6()),
                     report.checks};
+    context.hostListed = vesk::udp::describeHostSelection(udp.record(), udp.ipv6(), context.unicast,
+                                                          context.multicast);
     for (const CheckFunction check : CHECKS) check(context);
     return report;
 }

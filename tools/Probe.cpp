@@ -4,7 +4,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -140,21 +139,6 @@ BufferProbe probeSocketBuffer(bool send, KEL_INT32 recordSize, bool ipv6) {
     }
     // Linux reports twice what was set: the other half is its bookkeeping.
     probe.granted = reported / 2;
-    return probe;
-}
-
-InterfaceProbe probeInterface(const std::string &name) {
-    InterfaceProbe probe;
-    Socket socket(AF_INET, SOCK_DGRAM);
-    ifreq request{};
-    if (socket.fd() < 0 || name.size() >= sizeof request.ifr_name) return probe;
-    std::memcpy(request.ifr_name, name.c_str(), name.size() + 1);
-    if (::ioctl(socket.fd(), SIOCGIFFLAGS, &request) != 0) return probe;
-    probe.found = true;
-    probe.up = (request.ifr_flags & IFF_UP) != 0;
-    probe.multicast = (request.ifr_flags & IFF_MULTICAST) != 0;
-    probe.loopback = (request.ifr_flags & IFF_LOOPBACK) != 0;
-    if (::ioctl(socket.fd(), SIOCGIFMTU, &request) == 0) probe.mtu = request.ifr_mtu;
     return probe;
 }
 

@@ -51,16 +51,6 @@ struct BufferProbe {
 };
 BufferProbe probeSocketBuffer(bool send, KEL_INT32 recordSize, bool ipv6);
 
-// Flags and MTU of an interface (SIOCGIFFLAGS, SIOCGIFMTU).
-struct InterfaceProbe {
-    bool found = false;
-    int mtu = 0;
-    bool up = false;
-    bool multicast = false;
-    bool loopback = false;
-};
-InterfaceProbe probeInterface(const std::string &name);
-
 // RTPS well-known ports for a domain and participant index: PB 7400,
 // DG 250, PG 2, d0 0, d1 10, d2 1, d3 11.
 struct RtpsPorts {
