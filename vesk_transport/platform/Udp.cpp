@@ -30,6 +30,7 @@
 #include "vesk_transport/platform/Log.h"
 #include "vesk_transport/platform/TransportInternal.hpp"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
+#include "vesk_transport/platform/udp/Plugin.hpp"
 
 // delete_cEA of every UDP plugin; also how a UDP plugin is recognised.
 extern "C" {
@@ -267,6 +268,7 @@ struct UdpPlugin {
     std::atomic<VESK_Transport_Listener *> listener;
     std::atomic<int> binding_ping_generation;
     TrafficCounters counters;
+    vesk::udp::Io *io;  // sockets and resources (udp/Plugin.cpp)
 };
 static_assert(std::is_standard_layout_v<UdpPlugin>, "the plugin pointer must convert back");
 static_assert(offsetof(UdpPlugin, base) == 0);
@@ -278,6 +280,7 @@ UdpPlugin *udpPlugin(const VESK_Transport_Plugin *plugin) {
 }
 
 void releasePlugin(UdpPlugin *plugin) {
+    vesk::udp::destroyIo(plugin->io);
     VESK_Transport_UDP_Property_finalize(&plugin->property);
     KELOsapiHeap_freeArray(plugin->interfaces);
     plugin->~UdpPlugin();
@@ -390,11 +393,18 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
             }
         }
         plugin->udp_class = udp_class;
+        plugin->io = vesk::udp::createIo(&plugin->base, plugin->property, udp_class == UdpClass::V6,
+                                         info.name);
+        if (plugin->io == nullptr) {
+            releasePlugin(plugin);
+            return fail(KEL_LOG_ANY_FAILURE_s, "out of memory");
+        }
         plugin->binding_ping_generation.store(
             udp_class == UdpClass::V4_WAN && property_in->binding_ping_period > 0 ? 1 : 0);
 
         VESK_Transport_Plugin &base = plugin->base;
         vesk::transport::fillCommonOperations(base);
+        vesk::udp::fillIoOperations(base);
         base.property = &plugin->property.parent;
         base.get_class_name_cEA = [](VESK_Transport_Plugin *self) -> const char * {
             const UdpPlugin *udp = udpPlugin(self);
@@ -483,6 +493,37 @@ int updateCounters(VESK_Transport_Plugin *plugin, Update &&apply) noexcept {
 }
 
 }  // namespace
+
+namespace vesk::udp {
+
+Io *ioOf(VESK_Transport_Plugin *plugin) noexcept {
+    UdpPlugin *udp = udpPlugin(plugin);
+    return udp != nullptr ? udp->io : nullptr;
+}
+
+void countDatagram(VESK_Transport_Plugin *plugin, const Classification &classification,
+                   std::size_t bytes, VESK_Transport_UDP_TrafficDirection direction,
+                   int priority) noexcept {
+    const bool sent = direction == VESK_TRANSPORT_UDP_TRAFFIC_SENT;
+    const KindRow &row = kKinds[classification.kind];
+    const KEL_UINT64 header = classification.rtps ? kRtpsHeaderSize : 0;
+    updateCounters(plugin, [&](TrafficCounters &counters) {
+        if (classification.rtps) {
+            counters.add(sent ? kOverhead.bytes_sent : kOverhead.bytes_received, header);
+            counters.add(sent ? kOverhead.packets_sent : kOverhead.packets_received, 1);
+        }
+        for (const TrafficGroup *target : {row.first, row.second}) {
+            if (target == nullptr) continue;
+            counters.add(sent ? target->bytes_sent : target->bytes_received, bytes - header);
+            counters.add(sent ? target->packets_sent : target->packets_received, 1);
+        }
+        if (priority >= 0 && priority < kPriorityCount) {
+            counters.addPriority(static_cast<unsigned char>(priority));
+        }
+    });
+}
+
+}  // namespace vesk::udp
 
 extern "C" {
 static void udpDelete(VESK_Transport_Plugin *self, void *) {

@@ -103,15 +103,15 @@ void VESK_Transport_UDP_Property_finalize(struct VESK_Transport_UDP_Property_t *
  * is addressed by its interfaces). reserved must be NULL. The plugin's
  * delete_cEA releases it and everything it owns.
  * ------------------------------------------------------------------- */
-VESK_Transport_Plugin *VESK_Transport_UDPv4_newI(const struct VESK_Transport_UDP_Property_t *property_in,
-                                               VESK_Transport_Address_t *default_network_address_out,
-                                               void *reserved);
+VESK_Transport_Plugin *VESK_Transport_UDPv4_newI(
+    const struct VESK_Transport_UDP_Property_t *property_in,
+    VESK_Transport_Address_t *default_network_address_out, void *reserved);
 VESK_Transport_Plugin *VESK_Transport_UDPv4_WAN_newI(
     const struct VESK_Transport_UDP_Property_t *property_in,
     VESK_Transport_Address_t *default_network_address_out, void *reserved);
-VESK_Transport_Plugin *VESK_Transport_UDPv6_newI(const struct VESK_Transport_UDP_Property_t *property_in,
-                                               VESK_Transport_Address_t *default_network_address_out,
-                                               void *reserved);
+VESK_Transport_Plugin *VESK_Transport_UDPv6_newI(
+    const struct VESK_Transport_UDP_Property_t *property_in,
+    VESK_Transport_Address_t *default_network_address_out, void *reserved);
 
 /* Non-zero when plugin was made by one of the constructors above. */
 int VESK_Transport_UDP_isUdpPlugin(const VESK_Transport_Plugin *plugin);
@@ -210,6 +210,28 @@ int VESK_Transport_UDP_count_received_priority(VESK_Transport_Plugin *plugin,
 int VESK_Transport_UDP_count_binding_ping_event(VESK_Transport_Plugin *plugin);
 
 /* ---------------------------------------------------------------------
+ * Sockets
+ * ------------------------------------------------------------------- */
+
+/* The socket buffer sizes the system granted to the plugin's send socket
+ * and to its latest receive resource, in bytes (as asked of the system;
+ * Linux reports twice that for its bookkeeping), or -1 while the plugin has
+ * no socket of that kind. Non-zero on success; 0 when plugin is not a UDP
+ * plugin. */
+int VESK_Transport_UDP_get_socket_buffer_sizes(VESK_Transport_Plugin *plugin, int *send_granted_out,
+                                               int *receive_granted_out);
+
+/* Datagrams a plugin did not pass on. */
+struct VESK_Transport_UDP_DropCounts {
+    KEL_UINT64 send_would_block;    /* send_blocking NEVER and the send buffer was full */
+    KEL_UINT64 receive_truncated;   /* larger than the caller's buffer (or cut by the system) */
+    KEL_UINT64 receive_guid_prefix; /* RTPS messages of guid_prefix_to_drop */
+};
+/* Non-zero on success; 0 when plugin is not a UDP plugin or counts_out is NULL. */
+int VESK_Transport_UDP_get_drop_counts(VESK_Transport_Plugin *plugin,
+                                       struct VESK_Transport_UDP_DropCounts *counts_out);
+
+/* ---------------------------------------------------------------------
  * Run-time control
  * ------------------------------------------------------------------- */
 
@@ -231,8 +253,8 @@ int VESK_Transport_UDP_change_interface_status(VESK_Transport_Plugin *plugin,
 struct VESK_Transport_UDP_InterfaceInfo {
     char name[64];
     VESK_Transport_Address_t address;
-    int is_up;      /* as the system reports it, or as last forced */
-    int is_forced;  /* the status was forced by change_interface_status */
+    int is_up;     /* as the system reports it, or as last forced */
+    int is_forced; /* the status was forced by change_interface_status */
 };
 /* The number of interfaces the plugin uses; fills up to capacity of them. */
 int VESK_Transport_UDP_get_interfaces(VESK_Transport_Plugin *plugin,
