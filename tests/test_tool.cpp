@@ -611,6 +611,69 @@ TEST(ToolDoctor, InANetworkNamespace) {
     }
 }
 
+// Real datagrams over loopback, each run at most a second.
+TEST(ToolPerf, TrafficOverLoopback) {
+    runToolCases({
+        {"perf --class udpv4 --duration 0.3 examples/udpv4.properties",
+         0,
+         {"loopback 127.0.0.1 port ", "result: sent ",
+          "statistics of the sending transport (VESK_Transport_Support_get_udpv4_statistics)",
+          "  user_packets_sent ", "statistics of the receiving transport",
+          "  user_packets_received "},
+         {""}},
+        {"perf --class udpv6 --ping-pong --size 200 --duration 0.2 examples/udpv6.properties",
+         0,
+         {"loopback ::1 port", "200-byte messages", "round trip (us): min ",
+          "(VESK_Transport_Support_get_udpv6_statistics)"},
+         {""}},
+        {"perf --class udpv4-wan --duration 0.2 examples/udpv4_wan.properties", 0, {"lost "}, {""}},
+        {"perf --class udpv4 --duration 0.2 examples/udpv4_profile.xml",
+         1,
+         {""},
+         {"fix: pass --prefix dds.transport.UDPv4.builtin"}},
+        {"perf --class shmem examples/shmem.properties",
+         2,
+         {""},
+         {"perf runs over the UDP classes"}},
+        {"perf --class udpv4 --role pub examples/udpv4.properties", 2, {""}, {"--peer ADDRESS"}},
+        {"perf --class udpv4 --peer 127.0.0.1 examples/udpv4.properties", 2, {""}, {"--peer"}},
+        {"perf --class udpv4 --role sub --ping-pong examples/udpv4.properties",
+         2,
+         {""},
+         {"--ping-pong runs in one process"}},
+        {"perf --class udpv4 --size 10 examples/udpv4.properties", 2, {""}, {"--size"}},
+    });
+    // Paced: every message arrives, and the statistics count exactly them.
+    const RunResult paced =
+        runTool("perf --json --class udpv4 --rate 100 --duration 0.2 examples/udpv4.properties");
+    ASSERT_EQ(paced.exitCode, 0) << paced.err;
+    const Json out = Json::parse(paced.out);
+    EXPECT_GE(out["sent"].get<long>(), 15);
+    EXPECT_LE(out["sent"].get<long>(), 21);
+    EXPECT_EQ(out["received"], out["sent"]);
+    EXPECT_EQ(out["lost"], 0);
+    EXPECT_EQ(out["statistics"]["sender"]["user_packets_sent"], out["sent"]);
+    EXPECT_EQ(out["statistics"]["receiver"]["user_packets_received"], out["sent"]);
+    EXPECT_EQ(out["statistics"]["sender"]["user_bytes_sent"].get<long>(),
+              out["sent"].get<long>() * (1024 - 20));  // the RTPS header counts as overhead
+}
+
+TEST(ToolPerf, PublisherAndSubscriberProcesses) {
+    const std::string tool = "'" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' perf --class udpv4 ";
+    const RunResult both =
+        runTool("--version && (" + tool +
+                "--role sub --port 7457 --duration 2 examples/udpv4.properties & " +
+                "for i in $(seq 100); do ss -Huln 'sport = :7457' | grep -q . && break; sleep "
+                "0.02; done; " +
+                tool +
+                "--role pub --peer 127.0.0.1 --port 7457 --rate 500 --duration 0.3 "
+                "examples/udpv4.properties; wait)");
+    EXPECT_EQ(both.exitCode, 0) << both.err;
+    EXPECT_NE(both.out.find("publisher to 127.0.0.1 port 7457"), std::string::npos) << both.out;
+    EXPECT_NE(both.out.find("subscriber on port 7457"), std::string::npos);
+    EXPECT_NE(both.out.find(", lost 0 (0.00%)"), std::string::npos) << both.out;
+}
+
 TEST(ToolCommand, CommittedPropertyReferenceIsUpToDate) {
     EXPECT_TRUE(runTool("properties --markdown").out == readText(sourcePath("docs/properties.md")))
         << "regenerate it: vesk-transport properties --markdown > docs/properties.md";

@@ -13,6 +13,7 @@
 #include "tools/Demo.hpp"
 #include "tools/Doctor.hpp"
 #include "tools/Inspection.hpp"
+#include "tools/Perf.hpp"
 #include "tools/PropertyFiles.hpp"
 #include "tools/Reference.hpp"
 
@@ -152,6 +153,49 @@ int doctor(const ListOptions &options, const DoctorOptions &doctorOptions) {
     return report.exitCode();
 }
 
+int perf(const ListOptions &options, PerfOptions perfOptions, const std::string &role) {
+    const TransportClass *transportClass = findClass(options.className);
+    const InspectOptions inspectWith = inspectOptions(*transportClass, options);
+    if (transportClass->kind != RecordKind::udp) {
+        throw UsageError("perf runs over the UDP classes (udpv4, udpv4-wan, udpv6)");
+    }
+    perfOptions.role = role == "pub"   ? PerfOptions::Role::pub
+                       : role == "sub" ? PerfOptions::Role::sub
+                                       : PerfOptions::Role::loopback;
+    if ((perfOptions.role == PerfOptions::Role::pub) == perfOptions.peer.empty()) {
+        throw UsageError("--peer ADDRESS goes with --role pub, and only with it");
+    }
+    if (perfOptions.pingPong && perfOptions.role != PerfOptions::Role::loopback) {
+        throw UsageError("--ping-pong runs in one process (--role loopback)");
+    }
+    PropertyList list;
+    readPropertyFiles(options.files, list);
+    // A refused list gets the messages check gives, fixes included.
+    const Inspection inspection = inspect(*transportClass, list, inspectWith);
+    if (!inspection.accepted()) {
+        if (options.json) {
+            Json messages = Json::array();
+            for (const LogMessage &message : inspection.messages)
+                messages.push_back(toJson(message));
+            std::cout << Json{{"error", {{"kind", "properties"}, {"messages", messages}}}}.dump(2)
+                      << '\n';
+        } else {
+            printMessages(std::cerr, inspection.messages, options.verbose);
+        }
+        return EXIT_REFUSED;
+    }
+    perfOptions.json = options.json;
+    std::string files;
+    for (const std::string &file : options.files) files += (files.empty() ? "" : ", ") + file;
+    // The transport's own messages while traffic runs, after the results.
+    LogCollector collector;
+    const int code =
+        runPerf(*transportClass, list, inspectWith.prefix ? inspectWith.prefix->c_str() : nullptr,
+                perfOptions, files, std::cout);
+    printMessages(std::cerr, collector.take(), options.verbose);
+    return code;
+}
+
 int run(int argc, char **argv) {
     const bool json = jsonRequested(argc, argv);
     CLI::App app{
@@ -204,6 +248,36 @@ int run(int argc, char **argv) {
                             "join the multicast group on every selected multicast interface, not "
                             "only on loopback (the kernel sends a membership report there)");
 
+    ListOptions perfListOptions;
+    PerfOptions perfOptions;
+    std::string role = "loopback";
+    CLI::App *perfCommand = app.add_subcommand(
+        "perf",
+        "traffic through the configured transport, measured: two plugins from the files in one "
+        "process over loopback, or --role sub on one side and --role pub --peer ADDRESS on the "
+        "other; throughput, loss, round trips (--ping-pong), and the transport's statistics");
+    addListOptions(*perfCommand, perfListOptions);
+    perfCommand->add_option("--role", role, "loopback (one process), sub or pub")
+        ->check(CLI::IsMember({"loopback", "sub", "pub"}));
+    perfCommand->add_option("--peer", perfOptions.peer, "--role pub: the subscriber's address");
+    perfCommand
+        ->add_option("--port", perfOptions.port,
+                     "two processes: the subscriber's port (default 7411, the user unicast port "
+                     "of domain 0)")
+        ->check(CLI::Range(1, 65535));
+    perfCommand
+        ->add_option("--size", perfOptions.size,
+                     "bytes per message, RTPS header included (at least 72)")
+        ->check(CLI::Range(PERF_MESSAGE_MIN, 65507L));
+    perfCommand->add_option("--duration", perfOptions.duration, "seconds of sending")
+        ->check(CLI::Range(0.01, 3600.0));
+    perfCommand
+        ->add_option("--rate", perfOptions.rate,
+                     "messages per second (default: as fast as the transport sends)")
+        ->check(CLI::Range(0.0, 1e7));
+    perfCommand->add_flag("--ping-pong", perfOptions.pingPong,
+                          "round trips, one message in flight: latency percentiles");
+
     CLI::App *demo = app.add_subcommand(
         "demo", "run the whole module in one process and narrate it (uses the loopback interface)");
 
@@ -219,6 +293,7 @@ int run(int argc, char **argv) {
         if (show->parsed()) return inspectList(showOptions, true);
         if (check->parsed()) return inspectList(checkOptions, false);
         if (doctorCommand->parsed()) return doctor(doctorOptions, doctorChecks);
+        if (perfCommand->parsed()) return perf(perfListOptions, perfOptions, role);
         if (properties->parsed()) {
             if (markdown) {
                 std::cout << markdownReference(referenceClass.empty() ? nullptr
