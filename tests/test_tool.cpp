@@ -683,6 +683,7 @@ TEST(ToolCommand, DemoRunsTheWholeModule) {
     runToolCases({{"demo",
                    0,
                    {"VESK_Transport_Support_get_udpv4_statistics: OK",
+                    "user packets sent 3 (300 bytes), received 3 (300 bytes)",
                     "receive interfaces reported: 192.0.2.1", "register another transport: refused",
                     "Every step did what the module promises."},
                    {""}}});
