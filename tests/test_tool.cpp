@@ -537,6 +537,7 @@ TEST(ToolDoctor, ChecksWhatTheHostDelivers) {
          1,
          {"problem receive buffer asked for 2147483647 bytes, the kernel granted",
           "fix: sudo sysctl -w net.core.rmem_max=2147483647",
+          "ok      sockets        the transport's own sockets got a send buffer of 4096 bytes",
           "problem message size   a message of parent.message_size_max 65507 bytes does not fit "
           "the send buffer of 4096 bytes"},
          {""}},

@@ -94,6 +94,9 @@ void checkBuffer(Context &context, bool send) {
         send ? context.record().send_socket_buffer_size : context.record().recv_socket_buffer_size;
     const std::string limit =
         std::string(socketBufferSysctl(send)) + " = " + std::to_string(probe.limit);
+    const std::string sysctl = "sudo sysctl -w " + std::string(socketBufferSysctl(send)) + "=" +
+                               std::to_string(probe.requested) +
+                               "  (and the same line in /etc/sysctl.d/ to keep it)";
     if (!probe.error.empty()) {
         context.add(check, Verdict::problem, "a probe socket failed: " + probe.error);
     } else if (asked == VESK_TRANSPORT_UDP_SOCKET_BUFFER_SIZE_OS_DEFAULT) {
@@ -102,9 +105,15 @@ void checkBuffer(Context &context, bool send) {
         context.add(check, Verdict::problem,
                     "asked for " + bytes(probe.requested) + ", the kernel granted " +
                         bytes(probe.granted) + " (" + limit + ")",
-                    "sudo sysctl -w " + std::string(socketBufferSysctl(send)) + "=" +
-                        std::to_string(probe.requested) +
-                        "  (and the same line in /etc/sysctl.d/ to keep it)");
+                    sysctl);
+    } else if (probe.unprivileged < probe.requested) {
+        context.add(check, Verdict::warning,
+                    "asked for " + bytes(probe.requested) +
+                        ": granted only because this process "
+                        "may go beyond " +
+                        limit + "; a process without CAP_NET_ADMIN gets " +
+                        bytes(probe.unprivileged),
+                    sysctl);
     } else {
         context.add(check, Verdict::ok,
                     (asked == VESK_TRANSPORT_UDP_SOCKET_BUFFER_SIZE_OS_MAX
@@ -114,9 +123,42 @@ void checkBuffer(Context &context, bool send) {
     }
 }
 
+// The sizes the transport's own sockets got: a plugin with one receive
+// resource on a free port and one send resource toward it, nothing sent.
+void checkTransportSockets(Context &context) {
+    LogCollector quiet;  // a refused resource says so below
+    VESK_Transport_Plugin *plugin = context.udp.newPlugin();
+    if (plugin == nullptr) return;
+    VESK_Transport_RecvResource_t receiver = nullptr;
+    VESK_Transport_SendResource_t sender = nullptr;
+    VESK_Transport_Port_t port = 0;
+    VESK_Transport_Address_t loopback{};
+    plugin->string_to_address_cEA(plugin, &loopback, context.ipv6() ? "::1" : "127.0.0.1");
+    const bool made = plugin->create_recvresource_rrEA(plugin, &receiver, &port, nullptr, 0) &&
+                      plugin->create_sendresource_srEA(plugin, &sender, &loopback, port, 0);
+    int send = -1;
+    int receive = -1;
+    VESK_Transport_UDP_get_socket_buffer_sizes(plugin, &send, &receive);
+    if (sender != nullptr) plugin->destroy_sendresource_srEA(plugin, &sender);
+    if (receiver != nullptr) plugin->destroy_recvresource_rrEA(plugin, &receiver);
+    plugin->delete_cEA(plugin, nullptr);
+    if (!made) {
+        context.add("sockets", Verdict::warning,
+                    "the transport opened no unicast socket here (unicast_enabled is off, or "
+                    "no port was free): its buffers were not read");
+        return;
+    }
+    const bool asProbed = send == context.send.granted && receive == context.receive.granted;
+    context.add("sockets", asProbed ? Verdict::ok : Verdict::warning,
+                "the transport's own sockets got a send buffer of " + bytes(send) +
+                    " and a receive buffer of " + bytes(receive) +
+                    (asProbed ? ", as probed" : ", not what the probe sockets got"));
+}
+
 void checkBuffers(Context &context) {
     checkBuffer(context, true);
     checkBuffer(context, false);
+    checkTransportSockets(context);
 }
 
 void checkMessageSize(Context &context) {

@@ -126,19 +126,29 @@ BufferProbe probeSocketBuffer(bool send, KEL_INT32 recordSize, bool ipv6) {
     } else if (recordSize != VESK_TRANSPORT_UDP_SOCKET_BUFFER_SIZE_OS_DEFAULT) {
         probe.requested = recordSize;
     }
+    // Linux reports twice what was set: the other half is its bookkeeping.
+    auto granted = [&](long &out) {
+        int reported = 0;
+        socklen_t length = sizeof reported;
+        if (::getsockopt(socket.fd(), SOL_SOCKET, option, &reported, &length) != 0) {
+            probe.error = errnoText("getsockopt");
+            return false;
+        }
+        out = reported / 2;
+        return true;
+    };
     if (probe.requested > 0 &&
         !setOption(socket.fd(), SOL_SOCKET, option, static_cast<int>(probe.requested))) {
         probe.error = errnoText(send ? "SO_SNDBUF" : "SO_RCVBUF");
         return probe;
     }
-    int reported = 0;
-    socklen_t length = sizeof reported;
-    if (::getsockopt(socket.fd(), SOL_SOCKET, option, &reported, &length) != 0) {
-        probe.error = errnoText("getsockopt");
-        return probe;
+    if (!granted(probe.unprivileged)) return probe;
+    probe.granted = probe.unprivileged;
+    if (probe.requested > probe.unprivileged &&
+        setOption(socket.fd(), SOL_SOCKET, send ? SO_SNDBUFFORCE : SO_RCVBUFFORCE,
+                  static_cast<int>(probe.requested))) {
+        granted(probe.granted);
     }
-    // Linux reports twice what was set: the other half is its bookkeeping.
-    probe.granted = reported / 2;
     return probe;
 }
 

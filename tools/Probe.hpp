@@ -42,12 +42,14 @@ long socketBufferLimit(bool send);
 const char *socketBufferSysctl(bool send);  // "net.core.wmem_max"
 
 // A socket buffer as the kernel grants it for a requested size (the record's
-// value: -1 OS default, -2 OS maximum, else bytes).
+// value: -1 OS default, -2 OS maximum, else bytes), asked for as the
+// transport asks: beyond the limit where the process may (SO_*BUFFORCE).
 struct BufferProbe {
-    long requested = 0;  // bytes asked for (the OS maximum for -2, 0 for -1)
-    long granted = 0;    // what a datagram can use (half of what Linux reports)
-    long limit = 0;      // the sysctl limit
-    std::string error;   // a failed system call
+    long requested = 0;     // bytes asked for (the OS maximum for -2, 0 for -1)
+    long granted = 0;       // what a datagram can use (half of what Linux reports)
+    long unprivileged = 0;  // what the plain option gave, capped by the limit
+    long limit = 0;         // the sysctl limit
+    std::string error;      // a failed system call
 };
 BufferProbe probeSocketBuffer(bool send, KEL_INT32 recordSize, bool ipv6);
 
