@@ -16,7 +16,7 @@ namespace vesk::tool {
 struct DoctorOptions {
     long domain = 0;
     long participant = 0;
-    int multicastTimeoutMs = 500;
+    int multicastTimeoutMs = 1000;
     // Join the group on non-loopback interfaces too (the kernel then sends
     // a membership report on that network).
     bool joinEverywhere = false;
