@@ -400,7 +400,7 @@ void printReport(std::ostream &out, const Inspection &inspection, bool verbose) 
     out << transportClass.title << " transport, ";
     if (inspection.options.prefix) {
         out << "properties under prefix \"" << *inspection.options.prefix
-            << "\" (names not validated)";
+            << "\" (names not validated by the module; the tool reports those not read)";
     } else {
         out << "the transport's own list (names validated)";
     }
