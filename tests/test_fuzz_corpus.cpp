@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fuzz/Harness.hpp"
+#include "fuzz/RtpsClassify.hpp"
 
 namespace {
 
@@ -28,6 +29,7 @@ const Target TARGETS[] = {
     {"shmem_setup", vesk::fuzz::runShmemSetup},
     {"comm_ports_json", vesk::fuzz::runCommPortsJson},
     {"interface_list", vesk::fuzz::runInterfaceList},
+    {"rtps_classify", vesk::fuzz::runRtpsClassify},
 };
 
 fs::path corpusRoot() {

@@ -3,18 +3,26 @@
 // with netlink and with polling, selection on real interfaces, and the
 // tracker's lifetime (prompt stop, no descriptor left).
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/NetNamespace.hpp"
+#include "vesk_transport/platform/Udp.h"
 #include "vesk_transport/platform/udp/InterfaceTracker.hpp"
 
 namespace {
@@ -164,7 +172,7 @@ TEST(InterfaceTracking, SelectionOnRealInterfaces) {
         p.parent.max_interface_count = row.max;
         p.ignore_loopback_interface = -1;
         p.ignore_nonup_interfaces = 1;
-        p.ignore_nonrunning_interfaces = 1;
+        p.ignore_nonrunning_interfaces = 0;  // carrier comes a moment after "up"
         std::vector<std::string> allow = row.allow, deny = row.deny;
         std::vector<char *> a, d;
         for (auto &s : allow) a.push_back(s.data());
@@ -173,6 +181,11 @@ TEST(InterfaceTracking, SelectionOnRealInterfaces) {
         p.parent.allow_interfaces_list_length = static_cast<KEL_INT32>(a.size());
         p.parent.deny_interfaces_list = d.data();
         p.parent.deny_interfaces_list_length = static_cast<KEL_INT32>(d.size());
+        // The same entries in the multicast lists: multicast adds IFF_MULTICAST.
+        p.parent.allow_multicast_interfaces_list = a.data();
+        p.parent.allow_multicast_interfaces_list_length = static_cast<KEL_INT32>(a.size());
+        p.parent.deny_multicast_interfaces_list = d.data();
+        p.parent.deny_multicast_interfaces_list_length = static_cast<KEL_INT32>(d.size());
         vesk::udp::Selection unicast, multicast;
         ASSERT_TRUE(vesk::udp::describeHostSelection(p, row.ipv6, unicast, multicast));
         std::string got, gotMulticast;
@@ -227,3 +240,202 @@ TEST(InterfaceTracking, StopsPromptlyAndClosesEverything) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------
+// The UDP plugin follows its interfaces
+
+struct Listener : VESK_Transport_Listener {
+    std::atomic<int> calls{0};
+    Listener() : VESK_Transport_Listener{} {
+        on_interfaces_changed = [](VESK_Transport_Listener *self, VESK_Transport_Plugin *) {
+            static_cast<Listener *>(self)->calls.fetch_add(1);
+        };
+    }
+};
+
+VESK_Transport_UDP_Property_t udpRecord(int force_poll, int disable_tracking) {
+    VESK_Transport_UDP_Property_t p{};
+    p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4;
+    p.parent.address_bit_count = 32;
+    p.parent.gather_send_buffer_count_max = 16;
+    p.parent.message_size_max = 65507;
+    p.parent.max_interface_count = -1;
+    p.protocol_overhead_max = 28;
+    p.multicast_enabled = 1;
+    p.multicast_ttl = 1;
+    p.ignore_loopback_interface = -1;
+    p.ignore_nonup_interfaces = 1;
+    p.force_interface_poll_detection = force_poll;
+    p.interface_poll_period = 100;
+    p.disable_interface_tracking = disable_tracking;
+    return p;
+}
+
+// "address status" of each receive interface, in order.
+std::string receiveInterfaces(VESK_Transport_Plugin *plugin) {
+    VESK_Transport_Interface_t found[8]{};
+    int more = 0, count = 0;
+    if (plugin->get_receive_interfaces_cEA(plugin, &more, &count, found, 8) != 1) return "failed";
+    std::string out;
+    for (int i = 0; i < count; ++i) {
+        InterfaceCandidate c;
+        c.family = AF_INET;
+        c.address = found[i].address;
+        out += vesk::udp::addressText(c) + (found[i].status != 0 ? " up; " : " down; ");
+    }
+    return out;
+}
+
+bool waitUntil(const std::function<bool()> &test, milliseconds limit = milliseconds(1000)) {
+    for (const auto end = Clock::now() + limit; Clock::now() < end;) {
+        if (test()) return true;
+        std::this_thread::sleep_for(milliseconds(5));
+    }
+    return test();
+}
+
+void pluginFollows(int force_poll) {
+    ENTER_NAMESPACE(ns);
+    ASSERT_TRUE(ip("link add vp0 type veth peer name vp1"));
+    ASSERT_TRUE(ip("addr add 192.0.2.1/24 dev vp0"));
+    ASSERT_TRUE(ip("link set vp0 up"));
+    const int descriptors = openDescriptors();
+    {
+        const VESK_Transport_UDP_Property_t record = udpRecord(force_poll, 0);
+        std::unique_ptr<VESK_Transport_Plugin, void (*)(VESK_Transport_Plugin *)> plugin(
+            VESK_Transport_UDPv4_newI(&record, nullptr, nullptr),
+            [](VESK_Transport_Plugin *p) { p->delete_cEA(p, nullptr); });
+        ASSERT_NE(plugin, nullptr);
+        VESK_Transport_Plugin *self = plugin.get();
+        Listener listener;
+        ASSERT_EQ(self->register_listener_cEA(self, &listener), 1);
+        EXPECT_EQ(receiveInterfaces(self), "192.0.2.1 up; ");
+        struct Step {
+            const char *command;  // or nullptr: a control call
+            std::function<void()> control;
+            const char *expected;
+        };
+        const VESK_Transport_Address_t fake = [] {
+            VESK_Transport_Address_t a{};
+            a.network_ordered_value[12] = 203;
+            a.network_ordered_value[15] = 7;
+            return a;
+        }();
+        // clang-format off
+        const std::vector<Step> steps = {
+            {"addr add 198.51.100.1/24 dev vp0", nullptr, "192.0.2.1 up; 198.51.100.1 up; "},
+            {nullptr, [&] { VESK_Transport_UDP_change_interface_status(self, "vp0", 0); },
+             "192.0.2.1 down; 198.51.100.1 down; "},
+            {"addr del 198.51.100.1/24 dev vp0", nullptr, "192.0.2.1 down; "},  // still forced
+            {nullptr, [&] { VESK_Transport_UDP_change_interface_status(self, "vp0", 1); },
+             "192.0.2.1 up; "},
+            {nullptr, [&] { VESK_Transport_UDP_assert_fake_ip_address(self, &fake); }, "203.0.0.7 up; "},
+            {"addr add 203.0.113.1/24 dev vp0", nullptr, "203.0.0.7 up; "},  // the fake stays
+            {nullptr, [&] { VESK_Transport_UDP_remove_fake_ip_address(self); },
+             "192.0.2.1 up; 203.0.113.1 up; "},
+            {"link set vp0 down", nullptr, "127.0.0.1 up; "},  // only lo left: lo serves
+        };
+        // clang-format on
+        for (const Step &step : steps) {
+            SCOPED_TRACE(step.command != nullptr ? step.command : step.expected);
+            const int before = listener.calls.load();
+            if (step.command != nullptr) {
+                ASSERT_TRUE(ip(step.command));
+                EXPECT_TRUE(waitUntil([&] { return listener.calls.load() > before; }))
+                    << "the listener was not told";
+            } else {
+                step.control();
+            }
+            EXPECT_TRUE(waitUntil([&] { return receiveInterfaces(self) == step.expected; }))
+                << receiveInterfaces(self);
+        }
+    }
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST(UdpPluginTracking, FollowsChangesWithNetlink) {
+    pluginFollows(0);
+}
+TEST(UdpPluginTracking, FollowsChangesByPolling) {
+    pluginFollows(1);
+}
+
+TEST(UdpPluginTracking, DisabledTrackingKeepsTheFirstSelection) {
+    ENTER_NAMESPACE(ns);
+    ASSERT_TRUE(ip("link add vp0 type veth peer name vp1"));
+    ASSERT_TRUE(ip("link set vp0 up"));
+    const int descriptors = openDescriptors();
+    const VESK_Transport_UDP_Property_t record = udpRecord(0, 1);
+    VESK_Transport_Plugin *plugin = VESK_Transport_UDPv4_newI(&record, nullptr, nullptr);
+    ASSERT_NE(plugin, nullptr);
+    EXPECT_EQ(openDescriptors(), descriptors);  // no tracker, no socket
+    ASSERT_TRUE(ip("addr add 192.0.2.1/24 dev vp0"));
+    std::this_thread::sleep_for(milliseconds(200));
+    EXPECT_EQ(receiveInterfaces(plugin), "127.0.0.1 up; ");  // lo, alone at creation
+    plugin->delete_cEA(plugin, nullptr);
+}
+
+// The devices on which this thread's namespace has joined the IPv4 group
+// ("239.255.0.1"), from /proc/thread-self/net/igmp.
+std::string joinedOn(const char *group) {
+    in_addr address{};
+    inet_pton(AF_INET, group, &address);
+    char hex[9];
+    std::snprintf(hex, sizeof hex, "%08X", address.s_addr);
+    std::ifstream in("/proc/thread-self/net/igmp");
+    std::string line, device, out;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line[0] != '\t' && line.find(':') != std::string::npos) {
+            std::istringstream words(line);
+            std::string index;
+            words >> index >> device;
+        } else if (line.find(hex) != std::string::npos) {
+            out += device + " ";
+        }
+    }
+    return out;
+}
+
+TEST(UdpPluginTracking, MulticastGroupsFollowTheInterfaces) {
+    ENTER_NAMESPACE(ns);
+    for (const char *command : {"link add vm0 type veth peer name vm1",
+                                "addr add 192.0.2.1/24 dev vm0", "link set vm0 up"}) {
+        ASSERT_TRUE(ip(command));
+    }
+    VESK_Transport_UDP_Property_t record = udpRecord(0, 0);
+    std::string pattern = "vm*";
+    char *allow[] = {pattern.data()};
+    record.parent.allow_multicast_interfaces_list = allow;
+    record.parent.allow_multicast_interfaces_list_length = 1;
+    VESK_Transport_Plugin *p = VESK_Transport_UDPv4_newI(&record, nullptr, nullptr);
+    ASSERT_NE(p, nullptr);
+    VESK_Transport_Address_t group{};
+    ASSERT_EQ(p->string_to_address_cEA(p, &group, "239.255.0.1"), 1);
+    VESK_Transport_RecvResource_t resource = nullptr;
+    VESK_Transport_Port_t port = 0;
+    ASSERT_EQ(p->create_recvresource_rrEA(p, &resource, &port, &group, 0), 1);
+    EXPECT_EQ(joinedOn("239.255.0.1"), "vm0 ");
+    struct Step {
+        std::function<bool()> action;
+        const char *joined;
+    };
+    // clang-format off
+    const std::vector<Step> steps = {
+        {[] { return ip("link add vm2 type veth peer name vm3") && ip("addr add 198.51.100.1/24 dev vm2") &&
+                     ip("link set vm2 up"); }, "vm0 vm2 "},
+        {[p] { return VESK_Transport_UDP_change_interface_status(p, "vm0", 0) == 1; }, "vm2 "},
+        {[p] { return VESK_Transport_UDP_change_interface_status(p, "vm0", 1) == 1; }, "vm0 vm2 "},
+        {[] { return ip("link del vm2"); }, "vm0 "},
+    };
+    // clang-format on
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.joined);
+        ASSERT_TRUE(step.action());
+        EXPECT_TRUE(
+            waitUntil([&] { return joinedOn("239.255.0.1") == step.joined; }, milliseconds(500)))
+            << joinedOn("239.255.0.1");
+    }
+    p->destroy_recvresource_rrEA(p, &resource);
+    p->delete_cEA(p, nullptr);
+    EXPECT_EQ(joinedOn("239.255.0.1"), "");
+}

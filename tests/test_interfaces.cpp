@@ -148,26 +148,23 @@ TEST(InterfaceSelection, EntryForms) {
 
 TEST(InterfaceSelection, MulticastHasItsOwnLists) {
     VESK_Transport_UDP_Property_t p = record();
-    const auto unicast = vesk::udp::selectInterfaces(kHost, p, false);
-    EXPECT_EQ(describe(vesk::udp::selectMulticastInterfaces(unicast, p)),
-              "veth0 192.0.2.1; veth0 192.0.2.9; veth1 198.51.100.1; "
-              "-tun0 10.200.0.1 (no multicast (IFF_MULTICAST not set)); ");
-    ListHolder allow, deny;
+    ListHolder unicastDeny, allow, deny;
+    unicastDeny.set(p.parent.deny_interfaces_list, p.parent.deny_interfaces_list_length, {"veth0"});
+    EXPECT_EQ(
+        describe(vesk::udp::selectMulticastInterfaces(kHost, p, false)),
+        "veth0 192.0.2.1; veth0 192.0.2.9; veth1 198.51.100.1; "
+        "-lo 127.0.0.1 (loopback ignored); -dock0 10.1.0.1 (not running); "
+        "-wlan0 203.0.113.1 (not up); -tun0 10.200.0.1 (no multicast (IFF_MULTICAST not set)); ");
     allow.set(p.parent.allow_multicast_interfaces_list,
-              p.parent.allow_multicast_interfaces_list_length, {"veth*"});
+              p.parent.allow_multicast_interfaces_list_length, {"veth*", "tun0"});
     deny.set(p.parent.deny_multicast_interfaces_list,
-             p.parent.deny_multicast_interfaces_list_length, {"198.51.100.0/24", "tun0"});
-    EXPECT_EQ(describe(vesk::udp::selectMulticastInterfaces(unicast, p)),
+             p.parent.deny_multicast_interfaces_list_length, {"198.51.100.0/24"});
+    EXPECT_EQ(describe(vesk::udp::selectMulticastInterfaces(kHost, p, false)),
               "veth0 192.0.2.1; veth0 192.0.2.9; "
+              "-lo 127.0.0.1 (not in the multicast allow list); "
               "-veth1 198.51.100.1 (in the multicast deny list); "
-              "-tun0 10.200.0.1 (no multicast (IFF_MULTICAST not set)); ");
-    deny.set(p.parent.deny_multicast_interfaces_list,
-             p.parent.deny_multicast_interfaces_list_length, {});
-    allow.set(p.parent.allow_multicast_interfaces_list,
-              p.parent.allow_multicast_interfaces_list_length, {"veth1"});
-    EXPECT_EQ(describe(vesk::udp::selectMulticastInterfaces(unicast, p)),
-              "veth1 198.51.100.1; -veth0 192.0.2.1 (not in the multicast allow list); "
-              "-veth0 192.0.2.9 (not in the multicast allow list); "
+              "-dock0 10.1.0.1 (not in the multicast allow list); "
+              "-wlan0 203.0.113.1 (not in the multicast allow list); "
               "-tun0 10.200.0.1 (no multicast (IFF_MULTICAST not set)); ");
 }
 
@@ -212,8 +209,7 @@ TEST(InterfaceSelection, HostDescriptionHasLoopbackWithIndexAndMtu) {
     ASSERT_EQ(unicast.selected.size(), 1u);
     EXPECT_EQ(unicast.selected[0].index, if_nametoindex("lo"));
     EXPECT_GT(unicast.selected[0].mtu, 0u);
-    // Linux lo has no IFF_MULTICAST unless someone set it.
-    EXPECT_EQ(multicast.selected.empty(), (unicast.selected[0].flags & IFF_MULTICAST) == 0);
+    for (const InterfaceCandidate &c : multicast.selected) EXPECT_NE(c.flags & IFF_MULTICAST, 0u);
 }
 
 }  // namespace

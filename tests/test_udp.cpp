@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/TestSupport.hpp"
+#include "vesk_transport/Support.h"
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Udp.h"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
@@ -43,43 +44,10 @@ const ClassRow &classOf(Kind kind) {
 
 // The class's default record, as the factories start from it.
 VESK_Transport_UDP_Property_t defaults(Kind kind) {
-    VESK_Transport_UDP_Property_t p{};
-    p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4;
-    p.parent.address_bit_count = 32;
-    p.parent.gather_send_buffer_count_max = 16;
-    p.parent.message_size_max = 65507;
-    p.parent.max_interface_count = -1;
-    p.send_socket_buffer_size = 0x200000;
-    p.recv_socket_buffer_size = 0x200000;
-    p.unicast_enabled = 1;
-    p.multicast_enabled = 1;
-    p.multicast_ttl = 1;
-    p.ignore_loopback_interface = -1;
-    p.ignore_nonup_interfaces = 1;
-    p.ignore_nonrunning_interfaces = 1;
-    p.send_blocking = 1;
-    p.use_checksum = 1;
-    p.transport_priority_mapping_high = 255;
-    p.send_ping = 1;
-    p.interface_poll_period = 500;
-    p.reuse_multicast_receive_resource = 1;
-    p.protocol_overhead_max = 28;
-    p.join_multicast_group_timeout = 5000;
-    if (kind == Kind::WAN) {
-        p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4_WAN;
-        p.parent.address_bit_count = 128;
-        p.parent.message_size_max = 1400;
-        p.multicast_enabled = 0;
-        p.port_offset = 125;
-        p.binding_ping_period = 1000;
-    } else if (kind == Kind::V6) {
-        p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6;
-        p.parent.address_bit_count = 128;
-        p.parent.message_size_max = 65487;
-        p.use_checksum = 0;
-        p.protocol_overhead_max = 48;
-    }
-    return p;
+    static const VESK_Transport_UDP_Property_t *const records[] = {
+        &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT,
+        &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT};
+    return *records[static_cast<int>(kind)];
 }
 
 struct PluginDeleter {

@@ -108,8 +108,17 @@ struct VESK_Transport_Interface_t {
     KEL_UINT32 status; /* 1 up, 0 down */
 };
 
-/* Opaque listener through which a transport reports events. */
+/* The listener through which a transport reports events to the layer
+ * above (register_listener_cEA). A transport calls it on a thread of its
+ * own; the listener must not delete the plugin from within the call. */
 typedef struct VESK_Transport_ListenerImpl VESK_Transport_Listener;
+struct VESK_Transport_ListenerImpl {
+    /* The interfaces that get_receive_interfaces_cEA reports changed (an
+     * interface or address came or went, a status changed): the layer
+     * above reads them again and announces its new locators. May be NULL. */
+    void (*on_interfaces_changed)(VESK_Transport_Listener *self, VESK_Transport_Plugin *plugin);
+    void *user_data;
+};
 
 struct VESK_Transport_PluginImpl {
     struct VESK_Transport_Property_t *property;

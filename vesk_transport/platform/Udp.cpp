@@ -29,6 +29,7 @@
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Log.h"
 #include "vesk_transport/platform/TransportInternal.hpp"
+#include "vesk_transport/platform/udp/InterfaceTracker.hpp"
 #include "vesk_transport/platform/udp/Interfaces.hpp"
 #include "vesk_transport/platform/udp/Plugin.hpp"
 
@@ -255,6 +256,7 @@ const ClassInfo &classInfo(UdpClass udp_class) {
 }
 
 constexpr const char *kPluginTypeName = "VESK_Transport_UDP_Plugin";
+constexpr int kForcedMax = 16;  // interfaces whose status can be forced at once
 
 struct UdpPlugin {
     VESK_Transport_Plugin base;  // first: the pointer handed out
@@ -269,6 +271,16 @@ struct UdpPlugin {
     std::atomic<int> binding_ping_generation;
     TrafficCounters counters;
     vesk::udp::Io *io;  // sockets and resources (udp/Plugin.cpp)
+    // --- interface tracking (docs/udp-transport.md, "Interface tracking") ---
+    vesk::udp::InterfaceTracker *tracker;  // NULL when tracking is off
+    // Statuses forced by change_interface_status, by interface name; they
+    // outlive tracking updates. Guarded by control_mutex.
+    struct Forced {
+        char name[64];
+        int up;
+    } forced[kForcedMax];
+    int forced_count;
+    std::atomic<bool> multicast_warned;  // the "no multicast interface" warning was given
 };
 static_assert(std::is_standard_layout_v<UdpPlugin>, "the plugin pointer must convert back");
 static_assert(offsetof(UdpPlugin, base) == 0);
@@ -280,6 +292,7 @@ UdpPlugin *udpPlugin(const VESK_Transport_Plugin *plugin) {
 }
 
 void releasePlugin(UdpPlugin *plugin) {
+    delete plugin->tracker;  // first: its thread reads the rest
     vesk::udp::destroyIo(plugin->io);
     VESK_Transport_UDP_Property_finalize(&plugin->property);
     KELOsapiHeap_freeArray(plugin->interfaces);
@@ -345,6 +358,141 @@ void copyName(char (&out)[64], const std::string &name) {
     out[length] = '\0';
 }
 
+// --- interface tracking (docs/udp-transport.md, "Interface tracking") -----
+
+void applyForced(const UdpPlugin &udp, VESK_Transport_UDP_InterfaceInfo &entry) {
+    for (int i = 0; i < udp.forced_count; ++i) {
+        if (std::strcmp(udp.forced[i].name, entry.name) != 0) continue;
+        entry.is_up = udp.forced[i].up;
+        entry.is_forced = 1;
+    }
+}
+
+// The selected interfaces as a new table (a heap array, NULL when empty)
+// with the forced statuses applied. False when out of memory. The caller
+// holds control_mutex or is the plugin's only user.
+bool buildTable(const UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCandidate> &used,
+                VESK_Transport_UDP_InterfaceInfo *&table_out) {
+    table_out = nullptr;
+    if (used.empty()) return true;
+    if (!KELOsapiHeap_allocateArray(&table_out, used.size(),
+                                    struct VESK_Transport_UDP_InterfaceInfo)) {
+        return false;
+    }
+    for (size_t i = 0; i < used.size(); ++i) {
+        VESK_Transport_UDP_InterfaceInfo &entry = table_out[i];
+        entry = {};
+        copyName(entry.name, used[i].name);
+        entry.address = used[i].address;
+        entry.is_up = (used[i].flags & IFF_UP) != 0 ? 1 : 0;
+        applyForced(udp, entry);
+    }
+    return true;
+}
+
+// The interfaces multicast uses now: the multicast selection on the host,
+// without the interfaces forced down. Groups follow them (udp/Plugin.cpp);
+// one warning when there is none, given again only after multicast worked.
+void followMulticast(UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCandidate> &host) {
+    if (udp.property.multicast_enabled == 0) return;
+    std::vector<vesk::udp::InterfaceCandidate> usable =
+        vesk::udp::selectMulticastInterfaces(host, udp.property, udp.udp_class == UdpClass::V6)
+            .selected;
+    {
+        std::lock_guard<std::mutex> lock(udp.control_mutex);
+        std::erase_if(usable, [&udp](const vesk::udp::InterfaceCandidate &candidate) {
+            for (int i = 0; i < udp.forced_count; ++i) {
+                if (udp.forced[i].up == 0 && candidate.name == udp.forced[i].name) return true;
+            }
+            return false;
+        });
+    }
+    vesk::udp::updateMulticastInterfaces(udp.io, usable);
+    const bool none = usable.empty();
+    const bool warn = none && !udp.multicast_warned.exchange(none);
+    if (!none) udp.multicast_warned.store(false);
+    if (!warn || !KELLog_isEnabled(KEL_LOG_BIT_WARN, DDS_SUBMODULE_MASK_TRANSPORT)) return;
+    const ClassInfo &info = classInfo(udp.udp_class);
+    KELLogMessageParamString_printWithParams(
+        -1, KEL_LOG_BIT_WARN, VESK_TRANSPORT_LOG_MODULE_ID, __FILE__, __LINE__, info.function,
+        &KEL_LOG_TRANSPORT_STATUS_TEMPLATE,
+        "%s multicast is on but no interface can carry it (IFF_MULTICAST, "
+        "parent.allow_multicast_interfaces_list, parent.deny_multicast_interfaces_list, "
+        "forced status)",
+        info.name);
+}
+
+void notifyListener(UdpPlugin &udp) {
+    VESK_Transport_Listener *listener = udp.listener.load();
+    if (listener != nullptr && listener->on_interfaces_changed != nullptr) {
+        listener->on_interfaces_changed(listener, &udp.base);
+    }
+}
+
+bool sameTable(const VESK_Transport_UDP_InterfaceInfo *a, int a_count,
+               const VESK_Transport_UDP_InterfaceInfo *b, int b_count) {
+    return a_count == b_count &&
+           (a_count == 0 || std::memcmp(a, b, sizeof *a * static_cast<size_t>(a_count)) == 0);
+}
+
+// The tracker's callback: the host changed; select again, swap the table,
+// say so. Runs on the tracker's thread.
+void onHostChange(UdpPlugin &udp, const std::vector<vesk::udp::InterfaceCandidate> &host) {
+    const ClassInfo &info = classInfo(udp.udp_class);
+    try {
+        const vesk::udp::Selection selection = vesk::udp::selectInterfacesWithReasons(
+            host, udp.property, udp.udp_class == UdpClass::V6);
+        VESK_Transport_UDP_InterfaceInfo *table = nullptr;
+        const int count = static_cast<int>(selection.selected.size());
+        bool changed = false;
+        {
+            std::lock_guard<std::mutex> lock(udp.control_mutex);
+            if (!buildTable(udp, selection.selected, table)) {
+                vesk::transport::logError(KEL_LOG_ANY_FAILURE_s, info.function, __FILE__, __LINE__,
+                                          info.name, "out of memory: interface change not applied");
+                return;
+            }
+            changed = !sameTable(udp.interfaces, udp.interface_count, table, count);
+            if (changed) {
+                std::swap(udp.interfaces, table);
+                udp.interface_count = count;
+            }
+        }
+        KELOsapiHeap_freeArray(table);  // the old one, or the new one not needed
+        followMulticast(udp, host);     // also when only multicast changed
+        if (!changed) return;
+        vesk::udp::logSelection(selection, "after an interface change", info.function, info.name);
+        notifyListener(udp);
+    } catch (...) {
+        vesk::transport::logError(KEL_LOG_ANY_FAILURE_s, info.function, __FILE__, __LINE__,
+                                  info.name, "out of memory: interface change not applied");
+    }
+}
+
+// Unless disable_interface_tracking: a tracker that starts from the
+// candidates the plugin was made from. Without one the plugin still works
+// with the interfaces it found.
+void startTracking(UdpPlugin &udp, std::vector<vesk::udp::InterfaceCandidate> host) noexcept {
+    if (udp.property.disable_interface_tracking != 0) return;
+    const ClassInfo &info = classInfo(udp.udp_class);
+    try {
+        vesk::udp::InterfaceTracker::Options options;
+        options.force_poll = udp.property.force_interface_poll_detection != 0;
+        options.poll_period_ms = udp.property.interface_poll_period;
+        options.function = info.function;
+        options.class_name = info.name;
+        options.retry = [io = udp.io] { return vesk::udp::retryMulticastJoins(io); };
+        udp.tracker = vesk::udp::InterfaceTracker::start(
+                          std::move(options), std::move(host),
+                          [plugin = &udp](const auto &now) { onHostChange(*plugin, now); })
+                          .release();
+    } catch (...) {
+        vesk::transport::logError(KEL_LOG_ANY_FAILURE_s, info.function, __FILE__, __LINE__,
+                                  info.name, "out of memory: interface tracking not started");
+    }
+}
+// --- end of interface tracking --------------------------------------------
+
 VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
                                     const VESK_Transport_UDP_Property_t *property_in,
                                     VESK_Transport_Address_t *default_network_address_out,
@@ -366,8 +514,9 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
         if (!vesk::udp::enumerateHostInterfaces(candidates)) {
             return fail(KEL_LOG_ANY_FAILURE_s, "cannot list the host's network interfaces");
         }
-        const std::vector<vesk::udp::InterfaceCandidate> used =
-            vesk::udp::selectInterfaces(candidates, *property_in, udp_class == UdpClass::V6);
+        const vesk::udp::Selection selection = vesk::udp::selectInterfacesWithReasons(
+            candidates, *property_in, udp_class == UdpClass::V6);
+        const std::vector<vesk::udp::InterfaceCandidate> &used = selection.selected;
 
         void *memory = KELOsapiHeap_reallocateMemoryInternal(
             nullptr, 1, sizeof(UdpPlugin), kPluginTypeName, VESK_TRANSPORT_HEAP_TAG);
@@ -377,21 +526,11 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
             releasePlugin(plugin);
             return fail(KEL_LOG_ANY_FAILURE_s, "out of memory");
         }
-        if (!used.empty()) {
-            if (!KELOsapiHeap_allocateArray(&plugin->interfaces, used.size(),
-                                            struct VESK_Transport_UDP_InterfaceInfo)) {
-                releasePlugin(plugin);
-                return fail(KEL_LOG_ANY_FAILURE_s, "out of memory");
-            }
-            for (const auto &candidate : used) {
-                VESK_Transport_UDP_InterfaceInfo &entry =
-                    plugin->interfaces[plugin->interface_count++];
-                copyName(entry.name, candidate.name);
-                entry.address = candidate.address;
-                entry.is_up = (candidate.flags & IFF_UP) != 0 ? 1 : 0;
-                entry.is_forced = 0;
-            }
+        if (!buildTable(*plugin, used, plugin->interfaces)) {
+            releasePlugin(plugin);
+            return fail(KEL_LOG_ANY_FAILURE_s, "out of memory");
         }
+        plugin->interface_count = static_cast<int>(used.size());
         plugin->udp_class = udp_class;
         plugin->io = vesk::udp::createIo(&plugin->base, plugin->property, udp_class == UdpClass::V6,
                                          info.name);
@@ -468,6 +607,10 @@ VESK_Transport_Plugin *createPlugin(UdpClass udp_class,
         };
         base.delete_cEA = udpDelete;
         base.multicastInterfaceEnabled = property_in->multicast_enabled != 0 ? 1 : 0;
+
+        vesk::udp::logSelection(selection, "unicast", info.function, info.name);
+        followMulticast(*plugin, candidates);
+        startTracking(*plugin, std::move(candidates));
 
         if (default_network_address_out != nullptr) *default_network_address_out = {};
         return &base;
@@ -697,17 +840,33 @@ int VESK_Transport_UDP_change_interface_status(VESK_Transport_Plugin *plugin,
     UdpPlugin *udp = udpPlugin(plugin);
     if (udp == nullptr || interface_name == nullptr) return 0;
     try {
-        std::lock_guard<std::mutex> lock(udp->control_mutex);
-        int changed = 0;
-        // An interface with several addresses has one entry per address.
-        for (int i = 0; i < udp->interface_count; ++i) {
-            VESK_Transport_UDP_InterfaceInfo &entry = udp->interfaces[i];
-            if (std::strcmp(entry.name, interface_name) != 0) continue;
-            entry.is_forced = 1;
-            entry.is_up = up != 0 ? 1 : 0;
-            changed = 1;
+        {
+            std::lock_guard<std::mutex> lock(udp->control_mutex);
+            const VESK_Transport_UDP_InterfaceInfo *begin = udp->interfaces;
+            if (std::none_of(begin, begin + udp->interface_count,
+                             [interface_name](const auto &entry) {
+                                 return std::strcmp(entry.name, interface_name) == 0;
+                             })) {
+                return 0;  // not in use
+            }
+            // The forced status is kept by name: it outlives tracking updates.
+            int slot = 0;
+            while (slot < udp->forced_count &&
+                   std::strcmp(udp->forced[slot].name, interface_name) != 0) {
+                ++slot;
+            }
+            if (slot == kForcedMax) return 0;
+            if (slot == udp->forced_count) ++udp->forced_count;
+            copyName(udp->forced[slot].name, interface_name);
+            udp->forced[slot].up = up != 0 ? 1 : 0;
+            // An interface with several addresses has one entry per address.
+            for (int i = 0; i < udp->interface_count; ++i) applyForced(*udp, udp->interfaces[i]);
         }
-        return changed;
+        // Groups leave a forced-down interface and come back when it is up.
+        std::vector<vesk::udp::InterfaceCandidate> host;
+        if (vesk::udp::enumerateHostInterfaces(host)) followMulticast(*udp, host);
+        notifyListener(*udp);
+        return 1;
     } catch (...) {
         return 0;
     }

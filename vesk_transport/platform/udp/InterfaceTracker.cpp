@@ -8,6 +8,7 @@
 #include <linux/rtnetlink.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <tuple>
@@ -100,27 +101,42 @@ void InterfaceTracker::refresh() {
     if (std::equal(now.begin(), now.end(), last_.begin(), last_.end(), same)) return;
     last_ = std::move(now);
     if (callback_) callback_(last_);
+    retrying_ = static_cast<bool>(options_.retry);
 }
 
 void InterfaceTracker::run() {
     // Subscribed before this first look: no change is missed in between.
     if (!stop_.load()) refresh();
     std::vector<std::uint64_t> buffer;
+    using Clock = std::chrono::steady_clock;
+    const auto period = std::chrono::milliseconds(options_.poll_period_ms);
+    auto next_look = Clock::now() + period;
     while (!stop_.load()) {
         pollfd fds[2] = {{wake_, POLLIN, 0}, {netlink_.fd(), POLLIN, 0}};
         const bool netlink = fds[1].fd >= 0;
-        const int ready =
-            poll(fds, netlink ? 2 : 1, netlink ? -1 : static_cast<int>(options_.poll_period_ms));
+        int timeout = -1;
+        if (!netlink) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(next_look - Clock::now());
+            timeout = static_cast<int>(std::max<long long>(left.count(), 0));
+        }
+        if (retrying_) timeout = timeout < 0 ? kRetryPeriodMs : std::min(timeout, kRetryPeriodMs);
+        const int ready = poll(fds, netlink ? 2 : 1, timeout);
         if (stop_.load()) break;
         if (ready < 0) {
             if (errno == EINTR) continue;
             report(KEL_LOG_BIT_ERROR, options_, "stopped: poll failed", errno);
             break;
         }
+        if (retrying_ && ready == 0) retrying_ = options_.retry();
         if (!netlink) {
-            if (ready == 0) refresh();
+            if (Clock::now() >= next_look) {
+                next_look = Clock::now() + period;
+                refresh();
+            }
             continue;
         }
+        if ((fds[1].revents & (POLLIN | POLLERR)) == 0) continue;
         bool changed = false;
         for (;;) {
             const long got = netlink_.receive(buffer);

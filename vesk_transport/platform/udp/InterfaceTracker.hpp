@@ -31,7 +31,11 @@ public:
         Enumerate enumerate;                // default: enumerateHostInterfaces
         const char *function = "";          // reporting function of its messages
         const char *class_name = "";
+        // After each change, called on the thread every kRetryPeriodMs until
+        // it returns false (work the kernel was not ready for yet).
+        std::function<bool()> retry;
     };
+    static constexpr int kRetryPeriodMs = 50;
 
     // Starts the thread. The callback runs on it; it must not destroy the
     // tracker. nullptr (after a logged warning) when no thread or
@@ -61,6 +65,7 @@ private:
     int wake_ = -1;  // eventfd: stop request
     std::atomic<bool> stop_{false};
     std::atomic<bool> netlink_active_{false};
+    bool retrying_ = false;  // the thread's own
     std::thread thread_;
 };
 

@@ -122,24 +122,6 @@ constexpr Rule kRules[] = {
      }},
 };
 
-constexpr Rule kMulticastRules[] = {
-    {Exclusion::noMulticast,
-     [](const InterfaceCandidate &c, const VESK_Transport_UDP_Property_t &) {
-         return (c.flags & IFF_MULTICAST) == 0;
-     }},
-    {Exclusion::multicastDenied,
-     [](const InterfaceCandidate &c, const VESK_Transport_UDP_Property_t &p) {
-         return listed(p.parent.deny_multicast_interfaces_list,
-                       p.parent.deny_multicast_interfaces_list_length, c);
-     }},
-    {Exclusion::multicastNotAllowed,
-     [](const InterfaceCandidate &c, const VESK_Transport_UDP_Property_t &p) {
-         return p.parent.allow_multicast_interfaces_list_length > 0 &&
-                !listed(p.parent.allow_multicast_interfaces_list,
-                        p.parent.allow_multicast_interfaces_list_length, c);
-     }},
-};
-
 template <size_t N>
 void applyRules(const Rule (&rules)[N], const InterfaceCandidate &candidate,
                 const VESK_Transport_UDP_Property_t &property, Selection &out) {
@@ -249,12 +231,33 @@ std::vector<InterfaceCandidate> selectInterfaces(const std::vector<InterfaceCand
     return selectInterfacesWithReasons(candidates, property, ipv6).selected;
 }
 
-Selection selectMulticastInterfaces(const std::vector<InterfaceCandidate> &selected,
-                                    const VESK_Transport_UDP_Property_t &property) {
-    Selection out;
-    for (const InterfaceCandidate &candidate : selected) {
-        applyRules(kMulticastRules, candidate, property, out);
+Selection selectMulticastInterfaces(const std::vector<InterfaceCandidate> &candidates,
+                                    const VESK_Transport_UDP_Property_t &property, bool ipv6) {
+    // A shallow view of the record: the selection only reads the lists.
+    VESK_Transport_UDP_Property_t view = property;
+    view.parent.allow_interfaces_list = property.parent.allow_multicast_interfaces_list;
+    view.parent.allow_interfaces_list_length =
+        property.parent.allow_multicast_interfaces_list_length;
+    view.parent.deny_interfaces_list = property.parent.deny_multicast_interfaces_list;
+    view.parent.deny_interfaces_list_length = property.parent.deny_multicast_interfaces_list_length;
+    Selection out = selectInterfacesWithReasons(candidates, view, ipv6);
+    for (ExcludedInterface &excluded : out.excluded) {
+        if (excluded.reason == Exclusion::denied) excluded.reason = Exclusion::multicastDenied;
+        if (excluded.reason == Exclusion::notAllowed) {
+            excluded.reason = Exclusion::multicastNotAllowed;
+        }
     }
+    std::vector<InterfaceCandidate> kept;
+    for (InterfaceCandidate &c : out.selected) {
+        if ((c.flags & IFF_MULTICAST) != 0) {
+            kept.push_back(std::move(c));
+        } else {
+            out.excluded.push_back({std::move(c), Exclusion::noMulticast});
+        }
+    }
+    out.selected = std::move(kept);
+    std::stable_sort(out.excluded.begin(), out.excluded.end(),
+                     [](const auto &a, const auto &b) { return before(a.candidate, b.candidate); });
     return out;
 }
 
@@ -320,7 +323,7 @@ bool describeHostSelection(const VESK_Transport_UDP_Property_t &property, bool i
     std::vector<InterfaceCandidate> candidates;
     if (!enumerateHostInterfaces(candidates)) return false;
     unicast_out = selectInterfacesWithReasons(candidates, property, ipv6);
-    multicast_out = selectMulticastInterfaces(unicast_out.selected, property);
+    multicast_out = selectMulticastInterfaces(candidates, property, ipv6);
     return true;
 }
 

@@ -86,10 +86,11 @@ std::vector<InterfaceCandidate> selectInterfaces(const std::vector<InterfaceCand
                                                  const VESK_Transport_UDP_Property_t &property,
                                                  bool ipv6);
 
-// Of the selected interfaces, those that multicast may use: IFF_MULTICAST
-// set, multicast deny list, then multicast allow list (when not empty).
-Selection selectMulticastInterfaces(const std::vector<InterfaceCandidate> &selected,
-                                    const VESK_Transport_UDP_Property_t &property);
+// The interfaces multicast groups are joined on: the same rules with the
+// multicast allow and deny lists in place of the unicast ones, then
+// IFF_MULTICAST required.
+Selection selectMulticastInterfaces(const std::vector<InterfaceCandidate> &candidates,
+                                    const VESK_Transport_UDP_Property_t &property, bool ipv6);
 
 // Writes the selection at the status level (KEL_LOG_BIT_LOCAL): one message
 // per selected and per excluded address, "<class> <what> uses ..." and

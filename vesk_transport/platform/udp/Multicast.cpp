@@ -13,14 +13,7 @@ std::vector<InterfaceCandidate> selectMulticastInterfaces(
     const VESK_Transport_UDP_Property_t &property, bool ipv6) {
     std::vector<InterfaceCandidate> host;
     if (!enumerateHostInterfaces(host)) return {};
-    // A shallow view of the record: the selection only reads the lists.
-    VESK_Transport_UDP_Property_t view = property;
-    view.parent.allow_interfaces_list = property.parent.allow_multicast_interfaces_list;
-    view.parent.allow_interfaces_list_length =
-        property.parent.allow_multicast_interfaces_list_length;
-    view.parent.deny_interfaces_list = property.parent.deny_multicast_interfaces_list;
-    view.parent.deny_interfaces_list_length = property.parent.deny_multicast_interfaces_list_length;
-    return selectInterfaces(host, view, ipv6);
+    return selectMulticastInterfaces(host, property, ipv6).selected;
 }
 
 std::vector<int> interfaceIndexes(const std::vector<InterfaceCandidate> &interfaces) {

@@ -18,7 +18,8 @@
 namespace vesk::udp {
 
 // The interfaces a plugin joins multicast groups on: the interface rules
-// with the multicast allow and deny lists in place of the unicast ones.
+// with the multicast allow and deny lists in place of the unicast ones, and
+// IFF_MULTICAST set (Interfaces.hpp).
 // May throw std::bad_alloc.
 std::vector<InterfaceCandidate> selectMulticastInterfaces(
     const VESK_Transport_UDP_Property_t &property, bool ipv6);

@@ -7,6 +7,7 @@
 // their C++ members use the C++ heap and every throw is caught here.
 #include "vesk_transport/platform/udp/Plugin.hpp"
 
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -29,6 +31,16 @@ namespace vesk::udp {
 struct RecvResource;
 struct SendResource;
 
+// Interface tracking: a join the kernel refused on an interface that just
+// came; retried until its deadline (join_multicast_group_timeout).
+struct PendingJoin {
+    const void *resource;  // a RecvResource, matched again before use
+    VESK_Transport_Address_t group;
+    int index;
+    int error;
+    std::chrono::steady_clock::time_point deadline;
+};
+
 struct Io {
     VESK_Transport_Plugin *plugin = nullptr;
     const VESK_Transport_UDP_Property_t *property = nullptr;  // the plugin's copy
@@ -40,7 +52,8 @@ struct Io {
     // how live interface tracking hooks in here).
     std::vector<InterfaceCandidate> multicast_interfaces;
     std::vector<int> multicast_indexes;
-    Descriptor send_socket;  // opened with the first send resource
+    std::vector<PendingJoin> pending_joins;  // interface tracking
+    Descriptor send_socket;                  // opened with the first send resource
     std::vector<RecvResource *> receive_resources;
     std::vector<SendResource *> send_resources;
 
@@ -768,6 +781,145 @@ void fillIoOperations(VESK_Transport_Plugin &plugin) noexcept {
     plugin.get_transport_receive_context = receiveContext;
     plugin.get_transport_send_context = sendContext;
     plugin.update_destination = updateDestination;
+}
+
+// --- interface tracking hook (called by Udp.cpp on an interface change) ---
+
+namespace {
+
+void setOutgoingInterface(int fd, bool ipv6, int index) noexcept {
+    if (fd < 0) return;
+    if (ipv6) {
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
+        return;
+    }
+    ip_mreqn request{};
+    request.imr_ifindex = index;
+    setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &request, sizeof request);
+}
+
+// One join, quietly: a refusal is retried before it is reported. 0 or errno.
+int tryJoin(int fd, bool ipv6, const VESK_Transport_Address_t &group, int index) noexcept {
+    int result;
+    if (ipv6) {
+        ipv6_mreq request{};
+        std::memcpy(&request.ipv6mr_multiaddr, group.network_ordered_value, 16);
+        request.ipv6mr_interface = static_cast<unsigned>(index);
+        result = setsockopt(fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &request, sizeof request);
+    } else {
+        ip_mreqn request{};
+        std::memcpy(&request.imr_multiaddr, group.network_ordered_value + 12, 4);
+        request.imr_ifindex = index;
+        result = setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request);
+    }
+    return result == 0 || errno == EADDRINUSE ? 0 : errno;  // EADDRINUSE: joined already
+}
+
+Group *findGroup(Io &io, const void *resource, const VESK_Transport_Address_t &address,
+                 RecvResource *&owner) {
+    for (RecvResource *candidate : io.receive_resources) {
+        if (candidate != resource) continue;
+        for (Group &group : candidate->groups) {
+            if (sameAddress(group.address, address)) {
+                owner = candidate;
+                return &group;
+            }
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void updateMulticastInterfaces(Io *io, const std::vector<InterfaceCandidate> &interfaces) noexcept {
+    if (io == nullptr || io->property->multicast_enabled == 0) return;
+    try {
+        const std::vector<int> now = interfaceIndexes(interfaces);
+        const LogContext context = contextOf(*io, "interface tracking");
+        auto in = [](const std::vector<int> &list, int index) {
+            return std::find(list.begin(), list.end(), index) != list.end();
+        };
+        const auto deadline = std::chrono::steady_clock::now() +
+                              std::chrono::milliseconds(io->property->join_multicast_group_timeout);
+        std::lock_guard<std::mutex> lock(io->mutex);
+        std::erase_if(io->pending_joins, [&](const PendingJoin &p) { return !in(now, p.index); });
+        for (RecvResource *resource : io->receive_resources) {
+            for (Group &group : resource->groups) {
+                std::vector<int> gone, kept;
+                for (int index : group.joined) (in(now, index) ? kept : gone).push_back(index);
+                leaveGroupOnInterfaces(resource->socket.get(), io->ipv6, group.address, gone,
+                                       context);
+                for (int index : now) {
+                    if (in(kept, index)) continue;
+                    const bool pending = std::any_of(
+                        io->pending_joins.begin(), io->pending_joins.end(), [&](const auto &p) {
+                            return p.resource == resource && p.index == index &&
+                                   sameAddress(p.group, group.address);
+                        });
+                    if (pending) continue;
+                    const int error =
+                        tryJoin(resource->socket.get(), io->ipv6, group.address, index);
+                    if (error == 0) {
+                        kept.push_back(index);
+                    } else {
+                        io->pending_joins.push_back(
+                            {resource, group.address, index, error, deadline});
+                    }
+                }
+                group.joined = std::move(kept);
+            }
+        }
+        // Multicast goes out of the first interface left (0: the system's choice).
+        const int first = now.empty() ? 0 : now.front();
+        if (io->multicast_indexes.empty() || io->multicast_indexes.front() != first) {
+            setOutgoingInterface(io->send_socket.get(), io->ipv6, first);
+            for (SendResource *resource : io->send_resources) {
+                if (resource->own_socket.valid()) {
+                    setOutgoingInterface(resource->own_socket.get(), io->ipv6, first);
+                }
+            }
+        }
+        io->multicast_interfaces = interfaces;
+        io->multicast_indexes = now;
+    } catch (...) {
+        // Out of memory: the groups stay as they were until the next change.
+    }
+}
+
+bool retryMulticastJoins(Io *io) noexcept {
+    if (io == nullptr) return false;
+    const LogContext context = contextOf(*io, "interface tracking");
+    std::lock_guard<std::mutex> lock(io->mutex);
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(io->pending_joins, [&](PendingJoin &pending) {
+        RecvResource *owner = nullptr;
+        Group *group = findGroup(*io, pending.resource, pending.group, owner);
+        if (group == nullptr) return true;  // the resource or its group went
+        pending.error = tryJoin(owner->socket.get(), io->ipv6, pending.group, pending.index);
+        if (pending.error == 0) {
+            try {
+                group->joined.push_back(pending.index);
+            } catch (...) {
+                leaveGroupOnInterfaces(owner->socket.get(), io->ipv6, pending.group,
+                                       {pending.index}, context);
+            }
+            return true;
+        }
+        if (now < pending.deadline) return false;
+        Endpoint where;
+        toEndpoint(io->ipv6, pending.group, 0, where);
+        char name[IF_NAMESIZE] = "?";
+        if_indextoname(static_cast<unsigned>(pending.index), name);
+        char group_text[64];
+        endpointText(where, group_text);
+        logText(KEL_LOG_BIT_WARN, context,
+                "gave up joining %s on interface %s (index %d) after join_multicast_group_timeout "
+                "(%u ms): %s",
+                group_text, name, pending.index, io->property->join_multicast_group_timeout,
+                std::strerror(pending.error));
+        return true;
+    });
+    return !io->pending_joins.empty();
 }
 
 }  // namespace vesk::udp

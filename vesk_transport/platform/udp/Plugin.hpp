@@ -4,9 +4,11 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 #include "vesk_transport/platform/Udp.h"
 #include "vesk_transport/platform/udp/Classify.hpp"
+#include "vesk_transport/platform/udp/Interfaces.hpp"
 #include "vesk_transport/platform/udp/Socket.hpp"
 
 namespace vesk::udp {
@@ -31,5 +33,14 @@ Io *createIo(VESK_Transport_Plugin *plugin, const VESK_Transport_UDP_Property_t 
 void destroyIo(Io *io) noexcept;
 // Installs send, receive and the resource operations.
 void fillIoOperations(VESK_Transport_Plugin &plugin) noexcept;
+
+// Interface tracking: the interfaces multicast now uses. Every group of
+// every receive resource is left on the interfaces that went and joined on
+// those that came; multicast is sent out of the first one.
+// A join the kernel refuses is retried by retryMulticastJoins until
+// join_multicast_group_timeout, then reported with the interface and errno.
+void updateMulticastInterfaces(Io *io, const std::vector<InterfaceCandidate> &interfaces) noexcept;
+// True while joins wait for another try.
+bool retryMulticastJoins(Io *io) noexcept;
 
 }  // namespace vesk::udp
