@@ -1,16 +1,17 @@
 // The UDP transport module: record copy, constructors and their refusals,
 // plugin operations, interface selection, statistics and run-time control.
+// Allocation failures of the constructors are swept in
+// test_allocation_sweep, concurrent statistics in test_concurrency, real
+// traffic in test_udp_traffic.
 
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/TestSupport.hpp"
@@ -361,38 +362,6 @@ TEST(UdpConstructor, AcceptsTheLimitsOfEachRule) {
         EXPECT_NE(plugin, nullptr);
         EXPECT_TRUE(log.entries().empty());
     }
-}
-
-// Each allocation of a construction fails in turn: NULL, one message,
-// nothing left allocated; then the construction succeeds.
-TEST(UdpConstructor, EveryAllocationFailureLeavesNothing) {
-    WanSource source;
-    source.record.parent.allow_interfaces_list_length = 1;  // "lo": one interface array
-    source.record.ignore_loopback_interface = 0;
-    int failures = 0;
-    for (long n = 1; n < 100; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
-        LogCapture log;
-        const KEL_UINT64 before = liveHeapBlocks();
-        KELOsapiHeap_failAllocationAfter(n);
-        VESK_Transport_Plugin *plugin =
-            VESK_Transport_UDPv4_WAN_newI(&source.record, nullptr, nullptr);
-        const bool pending = KELOsapiHeap_isFailurePending() != 0;
-        KELOsapiHeap_failAllocationAfter(0);
-        if (plugin != nullptr) {
-            EXPECT_TRUE(pending);
-            EXPECT_TRUE(log.entries().empty());
-            plugin->delete_cEA(plugin, nullptr);
-            break;
-        }
-        ++failures;
-        EXPECT_EQ(liveHeapBlocks(), before);
-        EXPECT_EQ(log.summary(), (std::vector<std::string>{
-                                     "KEL_LOG_ANY_FAILURE_s(UDPv4_WAN transport: out of memory)"}));
-    }
-    // The plugin, the record copy (array + 1 string, prefix, public address,
-    // port list), the interface array and the sockets' state.
-    EXPECT_EQ(failures, 8);
 }
 
 // ---------------------------------------------------------------------
@@ -788,61 +757,6 @@ TEST(UdpStatistics, PrioritiesEventsAndBadArguments) {
     S got;
     ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &got), 1);
     EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0);
-}
-
-// One thread counts while another takes snapshots: no snapshot holds part
-// of a count operation, and no counter goes back.
-TEST(UdpStatistics, SnapshotsAreConsistentWhileCounting) {
-    PluginPtr plugin = make(Kind::V4, defaults(Kind::V4));
-    ASSERT_NE(plugin, nullptr);
-    VESK_Transport_Plugin *self = plugin.get();
-    constexpr int kRounds = 100000;
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        for (int i = 0; i < kRounds; ++i) {
-            VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
-                                             VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 100);
-            VESK_Transport_UDP_count_traffic(self, VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
-                                             VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 1, 40);
-            VESK_Transport_UDP_count_received_priority(self, static_cast<unsigned char>(i));
-        }
-        done.store(true);
-    });
-    S previous{};
-    long snapshots = 0;
-    long inconsistent = 0;
-    long backwards = 0;
-    while (!done.load() || snapshots == 0) {
-        S now;
-        ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &now), 1);
-        ++snapshots;
-        if (now.user_bytes_sent != 100 * now.user_packets_sent ||
-            now.automatic_liveliness_bytes_received !=
-                40 * now.automatic_liveliness_packets_received ||
-            now._liveliness_bytes_received != now.automatic_liveliness_bytes_received ||
-            now._liveliness_packets_received != now.automatic_liveliness_packets_received) {
-            ++inconsistent;
-        }
-        if (now.user_packets_sent < previous.user_packets_sent ||
-            now.automatic_liveliness_packets_received <
-                previous.automatic_liveliness_packets_received ||
-            now.received_priority_count[0] < previous.received_priority_count[0]) {
-            ++backwards;
-        }
-        previous = now;
-    }
-    writer.join();
-    EXPECT_EQ(inconsistent, 0);
-    EXPECT_EQ(backwards, 0);
-    S last;
-    ASSERT_EQ(VESK_Transport_UDP_get_statistics(self, &last), 1);
-    EXPECT_EQ(last.user_packets_sent, static_cast<KEL_UINT64>(kRounds));
-    EXPECT_EQ(last.user_bytes_sent, 100u * kRounds);
-    EXPECT_EQ(last._liveliness_bytes_received, 40u * kRounds);
-    KEL_UINT64 priorities = 0;
-    for (KEL_UINT32 count : last.received_priority_count) priorities += count;
-    EXPECT_EQ(priorities, static_cast<KEL_UINT64>(kRounds));
-    RecordProperty("snapshots", static_cast<int>(snapshots));
 }
 
 // ---------------------------------------------------------------------

@@ -22,6 +22,8 @@
 #include "support/AllocationSweep.hpp"
 #include "support/TestSupport.hpp"
 #include "support/UdpTraffic.hpp"
+#include "vesk_transport/platform/SocketUtil.h"
+#include "vesk_transport/platform/udp/Socket.hpp"
 
 namespace {
 
@@ -93,6 +95,20 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
          {{"multicast_enabled", "0"}},
          [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
          "UDPv4 transport: multicast is off: set multicast_enabled to 1"},
+        {"send port",
+         {},
+         [](auto *p) {
+             VESK_Transport_SendResource_t sender = nullptr;
+             const VESK_Transport_Address_t address = loopbackAddress(Ip::V4);
+             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0);
+         },
+         "UDPv4 transport: sendresource_out and dest_address_in are required and the port at "
+         "most 65535"},
+        {"no multicast interface",
+         {{"parent.allow_multicast_interfaces_list", "none0"}},
+         [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
+         "UDPv4 transport: group 239.255.0.1 joined on no interface (0 selected by the "
+         "multicast interface lists)"},
         {"not a group",
          {},
          [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
@@ -123,14 +139,78 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
     }
 }
 
+// Multicast by family: 224.0.0.0/4 (also IPv4-mapped into IPv6), ff00::/8.
+TEST(UdpResources, MulticastAddressesByFamily) {
+    const struct {
+        bool ipv6;
+        const char *text;
+        bool multicast;
+    } rows[] = {{false, "239.255.0.1", true},     {false, "127.0.0.1", false},
+                {true, "ff02::1", true},          {true, "::1", false},
+                {true, "::ffff:239.1.1.1", true}, {true, "::ffff:127.0.0.1", false},
+                {true, "::e000:1", false}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text);
+        VESK_Transport_Address_t address{};
+        ASSERT_EQ(
+            VESK_Transport_SocketUtil_StringAddress_to_transportAddress(&address, row.text, 0), 1);
+        EXPECT_EQ(vesk::udp::isMulticast(row.ipv6, address), row.multicast);
+    }
+}
+
+// Shares are counted per port (receive) or destination (send); the
+// creator's share stays until destroy; what does not match is refused.
+TEST(UdpResources, SharesAreCountedAndMismatchesRefused) {
+    PluginHandle plugin = makeUdp(Ip::V4);
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *p = plugin.get();
+    Link link(p, Ip::V4);
+    const VESK_Transport_Address_t here = loopbackAddress(Ip::V4), group = [p] {
+        VESK_Transport_Address_t a{};
+        p->string_to_address_cEA(p, &a, "239.255.0.1");
+        return a;
+    }();
+    LogCapture log;
+    const int results[] = {
+        p->share_recvresource_rrEA(p, &link.receiver, nullptr, link.port, 0),
+        p->share_recvresource_rrEA(p, &link.receiver, nullptr, link.port + 1, 0),
+        p->share_recvresource_rrEA(p, &link.receiver, &group, link.port, 0),
+        p->unshare_recvresource_rrEA(p, &link.receiver, nullptr, link.port),
+        p->unshare_recvresource_rrEA(p, &link.receiver, nullptr, link.port),
+        p->share_sendresource_srEA(p, &link.sender, &here, link.port, 0),
+        p->share_sendresource_srEA(p, &link.sender, &here, link.port + 1, 0),
+        p->unshare_sendresource_srEA(p, &link.sender, &here, link.port, 0),
+        p->unshare_sendresource_srEA(p, &link.sender, &here, link.port, 0),
+    };
+    EXPECT_EQ(std::vector<int>(std::begin(results), std::end(results)),
+              (std::vector<int>{1, 0, 0, 1, 0, 1, 0, 1, 0}));
+    EXPECT_EQ(log.entries().size(), 5u);  // one warning per refusal
+}
+
 // Statistics by kind, from RTPS bytes sent and received over loopback.
+struct Counters {
+    Counter packets_sent, packets_received, bytes_received;
+};
+using S = Stats;
+const Counters kUser{&S::user_packets_sent, &S::user_packets_received, &S::user_bytes_received},
+    kParticipants{&S::participant_discovery_packets_sent,
+                  &S::participant_discovery_packets_received,
+                  &S::participant_discovery_bytes_received},
+    kEndpoints{&S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
+               &S::endpoint_discovery_bytes_received},
+    kAutomatic{&S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received,
+               &S::automatic_liveliness_bytes_received},
+    kManual{&S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received,
+            &S::manual_liveliness_bytes_received},
+    kLiveliness{&S::_liveliness_packets_sent, &S::_liveliness_packets_received,
+                &S::_liveliness_bytes_received},
+    kDiscovery{&S::discovery_packets_sent, &S::discovery_packets_received,
+               &S::discovery_bytes_received};
+
 struct KindRow {
     const char *name;
     Bytes bytes;
-    Counter packets_sent;
-    Counter packets_received;
-    Counter bytes_received;
-    bool rtps;
+    const Counters &counters;
 };
 
 const Bytes kSpdp = {0x00, 0x01, 0x00, 0xc2}, kSecureSpdp = {0xff, 0x01, 0x01, 0xc2},
@@ -155,45 +235,21 @@ Bytes lengthPastTheEnd() {
 }
 
 TEST(UdpStatistics, RealRtpsTrafficCountsByKind) {
-    using S = Stats;
     const KindRow rows[] = {
-        {"SPDP data", Rtps().data(kSpdp, {1, 2}).bytes, &S::participant_discovery_packets_sent,
-         &S::participant_discovery_packets_received, &S::participant_discovery_bytes_received,
-         true},
-        {"secure SPDP heartbeat", Rtps().named(0x07, kSecureSpdp).bytes,
-         &S::participant_discovery_packets_sent, &S::participant_discovery_packets_received,
-         &S::participant_discovery_bytes_received, true},
-        {"topics acknack", Rtps().named(0x06, kTopics).bytes, &S::endpoint_discovery_packets_sent,
-         &S::endpoint_discovery_packets_received, &S::endpoint_discovery_bytes_received, true},
-        {"INFO_TS, then publications data",
-         Rtps().submessage(0x09, Bytes(8)).data(kPublications).bytes,
-         &S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
-         &S::endpoint_discovery_bytes_received, true},
-        {"big-endian subscriptions heartbeat", bigEndianHeartbeat(kSubscriptions),
-         &S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
-         &S::endpoint_discovery_bytes_received, true},
-        {"automatic liveliness", Rtps().liveliness(kParticipantMessage, 1).bytes,
-         &S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received,
-         &S::automatic_liveliness_bytes_received, true},
-        {"manual liveliness", Rtps().liveliness(kParticipantMessage, 2).bytes,
-         &S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received,
-         &S::manual_liveliness_bytes_received, true},
-        {"secure liveliness", Rtps().liveliness(kSecureParticipantMessage, 1).bytes,
-         &S::_liveliness_packets_sent, &S::_liveliness_packets_received,
-         &S::_liveliness_bytes_received, true},
+        {"SPDP data", Rtps().data(kSpdp, {1, 2}).bytes, kParticipants},
+        {"secure SPDP heartbeat", Rtps().named(0x07, kSecureSpdp).bytes, kParticipants},
+        {"topics acknack", Rtps().named(0x06, kTopics).bytes, kEndpoints},
+        {"INFO_TS, publications data", Rtps().submessage(0x09, Bytes(8)).data(kPublications).bytes,
+         kEndpoints},
+        {"big-endian subscriptions heartbeat", bigEndianHeartbeat(kSubscriptions), kEndpoints},
+        {"automatic liveliness", Rtps().liveliness(kParticipantMessage, 1).bytes, kAutomatic},
+        {"manual liveliness", Rtps().liveliness(kParticipantMessage, 2).bytes, kManual},
+        {"secure liveliness", Rtps().liveliness(kSecureParticipantMessage, 1).bytes, kLiveliness},
         {"participant-message heartbeat", Rtps().named(0x07, kParticipantMessage).bytes,
-         &S::discovery_packets_sent, &S::discovery_packets_received, &S::discovery_bytes_received,
-         true},
-        {"user data", Rtps().data(kUserWriter, {9}).bytes, &S::user_packets_sent,
-         &S::user_packets_received, &S::user_bytes_received, true},
-        {"length past the end", lengthPastTheEnd(), &S::user_packets_sent,
-         &S::user_packets_received, &S::user_bytes_received, true},
-        {"not RTPS",
-         {'h', 'e', 'l', 'l', 'o'},
-         &S::user_packets_sent,
-         &S::user_packets_received,
-         &S::user_bytes_received,
-         false},
+         kDiscovery},
+        {"user data", Rtps().data(kUserWriter, {9}).bytes, kUser},
+        {"length past the end", lengthPastTheEnd(), kUser},
+        {"not RTPS", {'h', 'e', 'l', 'l', 'o'}, kUser},
     };
     PluginHandle plugin = makeUdp(Ip::V4);
     ASSERT_NE(plugin, nullptr);
@@ -204,12 +260,12 @@ TEST(UdpStatistics, RealRtpsTrafficCountsByKind) {
         ASSERT_EQ(link.send(row.bytes), 1);
         ASSERT_EQ(link.receive(), row.bytes);
         const Stats after = statisticsOf(plugin.get());
-        EXPECT_EQ(after.*row.packets_sent - before.*row.packets_sent, 1u);
-        EXPECT_EQ(after.*row.packets_received - before.*row.packets_received, 1u);
-        EXPECT_EQ(after.*row.bytes_received - before.*row.bytes_received,
-                  row.bytes.size() - (row.rtps ? 20u : 0u));
-        EXPECT_EQ(after.overhead_bytes_received - before.overhead_bytes_received,
-                  row.rtps ? 20u : 0u);
+        const Counters &c = row.counters;
+        const size_t header = row.bytes[0] == 'R' ? 20 : 0;
+        EXPECT_EQ(after.*c.packets_sent - before.*c.packets_sent, 1u);
+        EXPECT_EQ(after.*c.packets_received - before.*c.packets_received, 1u);
+        EXPECT_EQ(after.*c.bytes_received - before.*c.bytes_received, row.bytes.size() - header);
+        EXPECT_EQ(after.overhead_bytes_received - before.overhead_bytes_received, header);
     }
 }
 

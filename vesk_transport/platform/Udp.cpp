@@ -1,10 +1,12 @@
-// The UDP transport module: record copy, the UDPv4, UDPv4 WAN and UDPv6
-// plugins, their traffic statistics and their run-time controls.
+// The UDP transport module's C entry points: record copy, the UDPv4, UDPv4
+// WAN and UDPv6 constructors, their traffic statistics and their run-time
+// controls. Sockets, resources and traffic are in udp/.
 //
 // A plugin is one block of the library heap holding a UdpPlugin whose first
 // member is the VESK_Transport_Plugin handed out, so the plugin pointer
-// converts back. It owns a deep copy of its property record and the array
-// of the interfaces it uses; delete_cEA releases all three.
+// converts back. It owns a deep copy of its property record, the array of
+// the interfaces it uses and its I/O state (sockets and resources, in
+// udp/Plugin.cpp); delete_cEA releases them all.
 #include "vesk_transport/platform/Udp.h"
 
 #include <arpa/inet.h>

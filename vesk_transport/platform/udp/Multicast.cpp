@@ -51,7 +51,7 @@ void logMembership(KEL_UINT32 level, const LogContext &context, const char *oper
     Endpoint where;
     toEndpoint(ipv6, group, 0, where);
     char group_text[64];
-    endpointText(where, group_text);
+    hostText(where, group_text);
     char name[IF_NAMESIZE] = "?";
     if_indextoname(static_cast<unsigned>(index), name);
     char reason[128];
@@ -86,7 +86,7 @@ bool joinGroupOnInterfaces(int fd, bool ipv6, const VESK_Transport_Address_t &gr
     Endpoint where;
     toEndpoint(ipv6, group, 0, where);
     char group_text[64];
-    endpointText(where, group_text);
+    hostText(where, group_text);
     char reason[128];
     logText(KEL_LOG_BIT_ERROR, context,
             "group %s joined on no interface (%zu selected by the multicast interface lists): %s",

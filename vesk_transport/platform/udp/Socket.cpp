@@ -64,17 +64,22 @@ unsigned portOf(const Endpoint &endpoint) noexcept {
     return ntohs(reinterpret_cast<const sockaddr_in *>(&endpoint.address)->sin_port);
 }
 
+void hostText(const Endpoint &endpoint, char (&out)[64]) noexcept {
+    std::strcpy(out, "?");
+    const bool v6 = endpoint.address.ss_family == AF_INET6;
+    const void *address =
+        v6 ? static_cast<const void *>(
+                 &reinterpret_cast<const sockaddr_in6 *>(&endpoint.address)->sin6_addr)
+           : static_cast<const void *>(
+                 &reinterpret_cast<const sockaddr_in *>(&endpoint.address)->sin_addr);
+    inet_ntop(v6 ? AF_INET6 : AF_INET, address, out, sizeof out);
+}
+
 void endpointText(const Endpoint &endpoint, char (&out)[64]) noexcept {
-    char host[INET6_ADDRSTRLEN] = "?";
-    if (endpoint.address.ss_family == AF_INET6) {
-        const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&endpoint.address);
-        inet_ntop(AF_INET6, &in6->sin6_addr, host, sizeof host);
-        std::snprintf(out, sizeof out, "[%s]:%u", host, portOf(endpoint));
-    } else {
-        const auto *in4 = reinterpret_cast<const sockaddr_in *>(&endpoint.address);
-        inet_ntop(AF_INET, &in4->sin_addr, host, sizeof host);
-        std::snprintf(out, sizeof out, "%s:%u", host, portOf(endpoint));
-    }
+    char host[64];
+    hostText(endpoint, host);
+    const bool v6 = endpoint.address.ss_family == AF_INET6;
+    std::snprintf(out, sizeof out, v6 ? "[%s]:%u" : "%s:%u", host, portOf(endpoint));
 }
 
 bool isMulticast(bool ipv6, const VESK_Transport_Address_t &address) noexcept {

@@ -37,6 +37,8 @@ VESK_Transport_Address_t toAddress(const Endpoint &endpoint) noexcept;
 unsigned portOf(const Endpoint &endpoint) noexcept;
 // "192.0.2.1:7400" or "[fd00::2]:7400".
 void endpointText(const Endpoint &endpoint, char (&out)[64]) noexcept;
+// The address alone: "192.0.2.1" or "fd00::2".
+void hostText(const Endpoint &endpoint, char (&out)[64]) noexcept;
 // 224.0.0.0/4 for IPv4 (also mapped into IPv6), ff00::/8 for IPv6.
 bool isMulticast(bool ipv6, const VESK_Transport_Address_t &address) noexcept;
 
