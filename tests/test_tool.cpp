@@ -205,11 +205,13 @@ TEST(ToolRecordFields, ValuesAreDeepCopiesInTheirTextForms) {
 
 TEST(ToolAdvice, ClosestNameAndJsonPosition) {
     const std::vector<std::string> names = {"recv_socket_buffer_size", "send_socket_buffer_size",
-                                            "multicast_ttl"};
+                                            "multicast_ttl", "multicast_enabled",
+                                            "unicast_enabled"};
     const std::pair<const char *, const char *> cases[] = {
         {"recv_socket_bufer_size", "recv_socket_buffer_size"},
         {"Multicast_TTL", "multicast_ttl"},
         {"mulitcast_ttl", "multicast_ttl"},
+        {"muticast_enabled", "multicast_enabled"},  // unicast_enabled is 2 edits away
         {"ttl", ""},
         {"rcv_sockt_bufer_sze", ""},  // four edits: too far for a slip
     };
@@ -552,6 +554,11 @@ TEST(ToolDoctor, ChecksWhatTheHostDelivers) {
           "fix: did you mean parent.message_size_max?"},
          {""}},
         {"doctor --class shmem examples/shmem.properties", 0, {"uses no network"}, {""}},
+        {"doctor --class udpv4-wan " + DATA + "wan_private_address.properties",
+         0,
+         {"warning wan            public_address 192.168.1.10 is a private address",
+          "mapping rtps 7400 -> host 7400 -> public 7400"},
+         {""}},
         {"doctor --class udpv4 --domain 232 --participant 119", 2, {""}, {"files"}},
     });
     if (holding) {
