@@ -288,7 +288,9 @@ RunResult runTool(const std::string &arguments, const std::string &netns = "") {
     char errPath[] = "/tmp/vesk_tool_test_XXXXXX";
     const int fd = mkstemp(errPath);
     close(fd);
-    const std::string tool = "'" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' " + arguments;
+    // A tool that hangs fails its case instead of the whole run.
+    const std::string tool =
+        "timeout 60 '" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' " + arguments;
     const std::string command =
         "cd '" + std::string(VESK_SOURCE_DIR) + "' && " +
         (netns.empty() ? tool : "unshare -n sh -c \"" + netns + " && exec " + tool + "\"") +
@@ -680,7 +682,8 @@ int freeUdpPort() {
 
 TEST(ToolPerf, PublisherAndSubscriberProcesses) {
     const std::string port = std::to_string(freeUdpPort());
-    const std::string tool = "'" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' perf --class udpv4 ";
+    const std::string tool =
+        "timeout 30 '" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' perf --class udpv4 ";
     const RunResult both = runTool(
         "--version && (" + tool + "--role sub --port " + port +
         " --duration 2 examples/udpv4.properties & for i in $(seq 100); do ss -Huln 'sport = :" +
