@@ -218,6 +218,7 @@ TEST(ToolAdvice, ClosestNameAndJsonPosition) {
     for (const auto &[name, expected] : cases)
         EXPECT_EQ(closestName(name, names), expected) << name;
     EXPECT_EQ(editDistance("kitten", "sitting"), 3u);
+    EXPECT_EQ(editDistance("", "abc"), 3u);
     EXPECT_EQ(jsonProblem(R"({"a": 1})"), "");
     EXPECT_EQ(jsonProblem(R"({"a": })"),
               "at byte 7: unexpected '}'; expected '[', '{', or a literal");
@@ -395,6 +396,10 @@ TEST(ToolCommand, CheckAndShow) {
          1,
          {""},
          {"fix: 99999999999 is outside the signed 32-bit range -2147483648..2147483647"}},
+        {"check --class udpv4 " + DATA + "udpv4_unsigned_out_of_range.properties",
+         1,
+         {""},
+         {"fix: 99999999999 is outside the unsigned 32-bit range 0..4294967295"}},
         {"check --class udpv4 " + DATA + "udpv4_bom_inline_comment.properties",
          1,
          {""},
