@@ -1,8 +1,11 @@
 #include "tools/Demo.hpp"
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tools/Inspection.hpp"
@@ -197,6 +200,43 @@ bool usesInterface(VESK_Transport_Plugin *udp, const char *name) {
     return false;
 }
 
+// Sends count datagrams of size bytes from the plugin to itself on
+// 127.0.0.1 and receives them; the number that made the round. A receive
+// that does not come within a second is woken.
+int loopbackTraffic(VESK_Transport_Plugin *udp, int count, int size) {
+    VESK_Transport_RecvResource_t receiver = nullptr;
+    VESK_Transport_SendResource_t sender = nullptr;
+    VESK_Transport_Port_t port = 0;
+    const VESK_Transport_Address_t localhost = ipv4(127, 0, 0, 1);
+    int received = 0;
+    if (udp->create_recvresource_rrEA(udp, &receiver, &port, nullptr, 0) &&
+        udp->create_sendresource_srEA(udp, &sender, &localhost, port, 0)) {
+        std::vector<char> payload(static_cast<std::size_t>(size), 'd'), storage(65536);
+        int sent = 0;
+        for (int i = 0; i < count; ++i) {
+            VESK_Transport_Buffer_t buffer{size, payload.data()};
+            sent += udp->send(udp, &sender, nullptr, 0, 0, &buffer, 1, nullptr);
+        }
+        std::atomic<bool> done{false};
+        std::thread watchdog([&] {
+            for (int i = 0; i < 100 && !done.load(); ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            if (!done.load()) udp->unblock_receive_rrEA(udp, &receiver, nullptr);
+        });
+        for (int i = 0; i < sent; ++i) {
+            VESK_Transport_Buffer_t buffer{static_cast<KEL_INT32>(storage.size()), storage.data()};
+            VESK_Transport_Message_t message{};
+            if (udp->receive_rEA(udp, &receiver, &buffer, &message, nullptr) == 0) break;
+            ++received;
+        }
+        done.store(true);
+        watchdog.join();
+    }
+    if (sender != nullptr) udp->destroy_sendresource_srEA(udp, &sender);
+    if (receiver != nullptr) udp->destroy_recvresource_rrEA(udp, &receiver);
+    return received;
+}
+
 }  // namespace
 
 int runDemo(std::ostream &out) {
@@ -325,28 +365,21 @@ int runDemo(std::ostream &out) {
                     DDS_RETCODE_OK);
 
     narrator.step("Statistics of the UDPv4 transport");
-    VESK_Transport_UDP_count_traffic(udp, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
-                                     VESK_TRANSPORT_UDP_TRAFFIC_SENT, 3, 300);
-    VESK_Transport_UDP_count_traffic(udp, VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
-                                     VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED, 2, 256);
-    VESK_Transport_UDP_count_traffic(udp, VESK_TRANSPORT_UDP_TRAFFIC_DISCOVERY,
-                                     VESK_TRANSPORT_UDP_TRAFFIC_SENT, 1, 120);
-    narrator.say(
-        "counted on the plugin: 3 user packets (300 bytes) sent, 2 (256 bytes) received, "
-        "1 discovery packet (120 bytes) sent");
+    // Three datagrams of 100 bytes through the plugin itself, over loopback:
+    // its send and receive paths count them.
+    const int roundTrips = loopbackTraffic(udp, 3, 100);
+    narrator.say("sent and received " + std::to_string(roundTrips) +
+                 " datagrams of 100 bytes through the plugin over 127.0.0.1");
     VESK_Transport_UDP_Statistics statistics{};
     narrator.result("VESK_Transport_Support_get_udpv4_statistics",
                     VESK_Transport_Support_get_udpv4_statistics(participant.get(), &statistics),
                     DDS_RETCODE_OK);
-    narrator.expect(
-        statistics.user_packets_sent == 3 && statistics.user_bytes_sent == 300 &&
-            statistics.user_packets_received == 2 && statistics.user_bytes_received == 256 &&
-            statistics.discovery_packets_sent == 1,
-        "user packets sent " + std::to_string(statistics.user_packets_sent) + " (" +
-            std::to_string(statistics.user_bytes_sent) + " bytes), received " +
-            std::to_string(statistics.user_packets_received) + " (" +
-            std::to_string(statistics.user_bytes_received) + " bytes); discovery packets sent " +
-            std::to_string(statistics.discovery_packets_sent));
+    narrator.expect(statistics.user_packets_sent == static_cast<KEL_UINT64>(roundTrips) &&
+                        statistics.user_packets_received == static_cast<KEL_UINT64>(roundTrips),
+                    "user packets sent " + std::to_string(statistics.user_packets_sent) + " (" +
+                        std::to_string(statistics.user_bytes_sent) + " bytes), received " +
+                        std::to_string(statistics.user_packets_received) + " (" +
+                        std::to_string(statistics.user_bytes_received) + " bytes)");
 
     narrator.step("A fake address");
     VESK_Transport_Address_t fake = ipv4(192, 0, 2, 1);

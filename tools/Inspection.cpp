@@ -1,5 +1,7 @@
 #include "tools/Inspection.hpp"
 
+#include "tools/Messages.hpp"
+
 #include <algorithm>
 #include <cctype>
 #include <set>
@@ -162,15 +164,25 @@ const char *levelName(KEL_UINT32 level) {
     return "note";
 }
 
-std::string formatMessage(const LogMessage &message) {
+std::string formatMessage(const LogMessage &message, bool verbose) {
     std::string out;
     if (message.property) out += describe(message.property->origin) + ": ";
     out += std::string(levelName(message.level)) + ": " + message.text;
     if (message.property && message.text.find(message.property->name) == std::string::npos) {
         out += " (property " + message.property->name + ")";
     }
-    out += " [" + message.templateName + " in " + message.function + "]";
+    if (verbose && !message.fromTool) {
+        out += " [" + message.templateName + " in " + message.function + "]";
+    }
+    if (!message.fix.empty()) out += "\n    fix: " + message.fix;
     return out;
+}
+
+bool Inspection::accepted() const {
+    return applied >= 0 && transportBuilt &&
+           std::none_of(messages.begin(), messages.end(), [](const LogMessage &message) {
+               return message.fromTool && (message.level & KEL_LOG_BIT_ERROR) != 0;
+           });
 }
 
 LogCollector::LogCollector()
@@ -243,8 +255,10 @@ std::string formatProductVersion(const DDS_ProductVersion_t &version) {
            part(version.revision);
 }
 
-Inspection inspect(const TransportClass &transportClass, const PropertyList &list,
-                   const InspectOptions &options) {
+namespace {
+
+Inspection runSetup(const TransportClass &transportClass, const PropertyList &list,
+                    const InspectOptions &options) {
     Inspection result;
     result.transportClass = &transportClass;
     result.options = options;
@@ -315,6 +329,29 @@ Inspection inspect(const TransportClass &transportClass, const PropertyList &lis
     return result;
 }
 
+}  // namespace
+
+Inspection inspect(const TransportClass &transportClass, const PropertyList &list,
+                   const InspectOptions &options) {
+    Inspection result = runSetup(transportClass, list, options);
+    addAdvice(result, list);
+    return result;
+}
+
+Json toJson(const LogMessage &message) {
+    Json out = {{"level", levelName(message.level)},
+                {"text", message.text},
+                {"fix", message.fix.empty() ? Json(nullptr) : Json(message.fix)},
+                {"property", propertyJson(message.property)},
+                {"from", message.fromTool ? "vesk-transport" : "module"}};
+    if (!message.fromTool) {
+        out["template"] = message.templateName;
+        out["function"] = message.function;
+        out["params"] = message.params;
+    }
+    return out;
+}
+
 Json toJson(const Inspection &inspection) {
     Json out;
     out["class"] = inspection.transportClass->option;
@@ -328,14 +365,7 @@ Json toJson(const Inspection &inspection) {
     out["properties_applied"] = inspection.applied >= 0 ? Json(inspection.applied) : Json(nullptr);
     out["transport_built"] = inspection.transportBuilt;
     Json messages = Json::array();
-    for (const LogMessage &message : inspection.messages) {
-        messages.push_back({{"level", levelName(message.level)},
-                            {"template", message.templateName},
-                            {"function", message.function},
-                            {"params", message.params},
-                            {"text", message.text},
-                            {"property", propertyJson(message.property)}});
-    }
+    for (const LogMessage &message : inspection.messages) messages.push_back(toJson(message));
     out["messages"] = std::move(messages);
     Json validation = Json::array();
     for (const FileProperty &property : inspection.validation)
@@ -361,16 +391,16 @@ Json toJson(const Inspection &inspection) {
     return out;
 }
 
-void printMessages(std::ostream &out, const std::vector<LogMessage> &messages) {
-    for (const LogMessage &message : messages) out << formatMessage(message) << '\n';
+void printMessages(std::ostream &out, const std::vector<LogMessage> &messages, bool verbose) {
+    for (const LogMessage &message : messages) out << formatMessage(message, verbose) << '\n';
 }
 
-void printReport(std::ostream &out, const Inspection &inspection) {
+void printReport(std::ostream &out, const Inspection &inspection, bool verbose) {
     const TransportClass &transportClass = *inspection.transportClass;
     out << transportClass.title << " transport, ";
     if (inspection.options.prefix) {
         out << "properties under prefix \"" << *inspection.options.prefix
-            << "\" (names not validated)";
+            << "\" (names not validated by the module; the tool reports those not read)";
     } else {
         out << "the transport's own list (names validated)";
     }
@@ -381,6 +411,9 @@ void printReport(std::ostream &out, const Inspection &inspection) {
     out << "\n";
     if (inspection.applied < 0) {
         out << "REFUSED: the setup stopped at the first bad property; no record is in effect.\n";
+    } else if (inspection.transportBuilt && !inspection.accepted()) {
+        out << "REFUSED: the setup applied " << inspection.applied
+            << " properties, but the list holds names the setup does not read (below).\n";
     } else if (!inspection.transportBuilt) {
         out << "REFUSED: the setup applied " << inspection.applied << " properties, but the "
             << transportClass.title << " transport refuses the record.\n";
@@ -390,8 +423,14 @@ void printReport(std::ostream &out, const Inspection &inspection) {
     }
     if (!inspection.messages.empty()) {
         out << "\nmessages:\n";
-        for (const LogMessage &message : inspection.messages)
-            out << "  " << formatMessage(message) << '\n';
+        for (const LogMessage &message : inspection.messages) {
+            std::string text = formatMessage(message, verbose);
+            for (std::size_t at = text.find('\n'); at != std::string::npos;
+                 at = text.find('\n', at + 3)) {
+                text.insert(at + 1, "  ");
+            }
+            out << "  " << text << '\n';
+        }
     }
     if (!inspection.validation.empty()) {
         out << "\nvalidation:\n";

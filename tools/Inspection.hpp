@@ -24,12 +24,15 @@ struct LogMessage {
     std::string text;  // the message alone, without level and function
     // The property the message is about, when it can be told.
     std::optional<FileProperty> property;
+    std::string fix;        // how to fix the problem, when the tool can tell
+    bool fromTool = false;  // found by the tool, not logged by the module
 };
 
 // "error", "warning", "precondition".
 const char *levelName(KEL_UINT32 level);
-// "file:line: error: text [TEMPLATE in function]".
-std::string formatMessage(const LogMessage &message);
+// "file:line: error: text", with " [TEMPLATE in function]" when verbose,
+// and the fix on a line of its own.
+std::string formatMessage(const LogMessage &message, bool verbose = false);
 
 // While it lives, the module's messages of level warning and above are
 // collected instead of written (masks and sink restored afterwards).
@@ -69,13 +72,15 @@ struct Inspection {
     InspectOptions options;
     int applied = -1;             // the setup's result
     bool transportBuilt = false;  // the constructor accepted the record
-    bool accepted() const { return applied >= 0 && transportBuilt; }
+    // The module accepts the list and the tool found no error in it.
+    bool accepted() const;
     std::vector<LogMessage> messages;
     std::vector<FieldReport> fields;       // empty when the setup refused the list
     std::vector<FileProperty> notRead;     // properties of the list that were not read
     std::vector<FileProperty> validation;  // "prefix" and the validation action, when read
 };
 
+// Runs the class's setup and constructor, then adds the tool's advice.
 Inspection inspect(const TransportClass &transportClass, const PropertyList &list,
                    const InspectOptions &options);
 
@@ -84,7 +89,9 @@ std::optional<DDS_ProductVersion_t> parseProductVersion(std::string_view text);
 std::string formatProductVersion(const DDS_ProductVersion_t &version);
 
 Json toJson(const Inspection &inspection);
-void printReport(std::ostream &out, const Inspection &inspection);
-void printMessages(std::ostream &out, const std::vector<LogMessage> &messages);
+Json toJson(const LogMessage &message);
+void printReport(std::ostream &out, const Inspection &inspection, bool verbose = false);
+void printMessages(std::ostream &out, const std::vector<LogMessage> &messages,
+                   bool verbose = false);
 
 }  // namespace vesk::tool

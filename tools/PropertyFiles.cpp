@@ -107,6 +107,8 @@ FileError::FileError(Origin origin, const std::string &reason)
 
 std::vector<FileProperty> parsePropertiesText(std::string_view text, const std::string &file) {
     std::vector<FileProperty> out;
+    // Editors on some systems start UTF-8 files with a byte-order mark.
+    if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
     int lineNumber = 0;
     while (!text.empty()) {
         ++lineNumber;

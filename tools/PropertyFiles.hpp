@@ -43,7 +43,7 @@ private:
 // "name=value" lines, split at the first '='. Blanks around the '=' and at
 // the ends of the line belong to neither; lines whose first non-blank
 // character is '#', and blank lines, are skipped. A line without '=' or
-// with an empty name is a FileError.
+// with an empty name is a FileError. A UTF-8 byte-order mark is skipped.
 std::vector<FileProperty> parsePropertiesText(std::string_view text, const std::string &file);
 
 // Every <property><value><element><name/><value/></element>... section of

@@ -126,8 +126,9 @@ private:
     void add_(const std::string &path, const std::vector<std::string> &names,
               std::function<Json(const Full &)> read, std::function<bool(const Full &)> namesRead) {
         // Several properties may set one field (the shared-memory address).
-        auto same = std::find_if(specs_.begin(), specs_.end(),
-                                 [&](const FieldSpec<Full> &fieldEntry) { return fieldEntry.path == path; });
+        auto same = std::find_if(
+            specs_.begin(), specs_.end(),
+            [&](const FieldSpec<Full> &fieldEntry) { return fieldEntry.path == path; });
         if (same != specs_.end()) {
             same->names.insert(same->names.end(), names.begin(), names.end());
             return;
@@ -263,8 +264,9 @@ std::vector<FieldValue> read(const std::vector<FieldSpec<Full>> &specs, const Fu
     std::vector<FieldValue> out;
     out.reserve(specs.size());
     for (const FieldSpec<Full> &fieldEntry : specs) {
-        out.push_back(
-            {fieldEntry.path, fieldEntry.names, !fieldEntry.namesRead || fieldEntry.namesRead(record), fieldEntry.read(record)});
+        out.push_back({fieldEntry.path, fieldEntry.names,
+                       !fieldEntry.namesRead || fieldEntry.namesRead(record),
+                       fieldEntry.read(record)});
     }
     return out;
 }

@@ -26,6 +26,7 @@ std::vector<PropertyReference> classReference(const TransportClass &transportCla
 std::vector<std::string> readButRefused(const TransportClass &transportClass);
 
 void printClassReference(std::ostream &out, const TransportClass &transportClass);
-std::string markdownReference();
+// Every class, or only one class's section.
+std::string markdownReference(const TransportClass *only = nullptr);
 
 }  // namespace vesk::tool
