@@ -434,6 +434,33 @@ Json toJson(const DoctorReport &report) {
             {"exit_code", report.exitCode()}};
 }
 
+void printHostInterfaces(std::ostream &out, const TransportClass &transportClass,
+                         const PropertyList &list, const char *prefix) {
+    if (transportClass.kind != RecordKind::udp) return;
+    const UdpRecord udp(transportClass, list.policy(), prefix);
+    if (!udp.ok()) return;
+    vesk::udp::Selection unicast, multicast;
+    out << "\ninterfaces of this host:\n";
+    if (!vesk::udp::describeHostSelection(udp.record(), udp.ipv6(), unicast, multicast)) {
+        out << "  the host's interfaces cannot be listed\n";
+        return;
+    }
+    const struct {
+        const char *what;
+        const vesk::udp::Selection &selection;
+    } parts[] = {{"unicast", unicast}, {"multicast", multicast}};
+    for (const auto &part : parts) {
+        for (const InterfaceCandidate &used : part.selection.selected) {
+            out << "  " << part.what << " uses " << describe(used) << "\n";
+        }
+        for (const vesk::udp::ExcludedInterface &left : part.selection.excluded) {
+            out << "  " << part.what << " leaves out " << describe(left.candidate) << ": "
+                << vesk::udp::exclusionText(left.reason) << "\n";
+        }
+        if (part.selection.selected.empty()) out << "  " << part.what << " uses no interface\n";
+    }
+}
+
 void printDoctor(std::ostream &out, const DoctorReport &report) {
     for (const CheckResult &check : report.checks) {
         std::string verdict = verdictName(check.verdict);

@@ -47,4 +47,10 @@ DoctorReport runDoctor(const TransportClass &transportClass, const PropertyList 
 Json toJson(const DoctorReport &report);
 void printDoctor(std::ostream &out, const DoctorReport &report);
 
+// For show: the interfaces of this host that a UDP transport built from the
+// list would use, and the reason for each one it leaves out (unicast, then
+// multicast). Prints nothing for the shared-memory class or a refused list.
+void printHostInterfaces(std::ostream &out, const TransportClass &transportClass,
+                         const PropertyList &list, const char *prefix);
+
 }  // namespace vesk::tool

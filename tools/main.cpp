@@ -105,6 +105,10 @@ int inspectList(const ListOptions &options, bool report) {
         printFiles(options.files);
         std::cout << '\n';
         printReport(std::cout, inspection, options.verbose);
+        if (inspection.accepted()) {
+            printHostInterfaces(std::cout, *transportClass, list,
+                                inspectWith.prefix ? inspectWith.prefix->c_str() : nullptr);
+        }
     }
     return inspection.accepted() ? EXIT_ACCEPTED : EXIT_REFUSED;
 }
