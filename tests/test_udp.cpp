@@ -31,25 +31,26 @@ enum class Kind { V4, WAN, V6 };
 using Constructor = VESK_Transport_Plugin *(*)(const VESK_Transport_UDP_Property_t *,
                                                VESK_Transport_Address_t *, void *);
 
+// Each class's factory, the reporting function of its messages, and the
+// default record the factories start from.
 struct ClassRow {
     Constructor create;
-    const char *function;  // the reporting function of its messages
+    const char *function;
+    const VESK_Transport_UDP_Property_t *defaults;
 };
 
 const ClassRow &classOf(Kind kind) {
-    static const ClassRow rows[] = {
-        {VESK_Transport_UDPv4_newI, "VESK_Transport_UDPv4_newI"},
-        {VESK_Transport_UDPv4_WAN_newI, "VESK_Transport_UDPv4_WAN_newI"},
-        {VESK_Transport_UDPv6_newI, "VESK_Transport_UDPv6_newI"}};
+    static const ClassRow rows[] = {{VESK_Transport_UDPv4_newI, "VESK_Transport_UDPv4_newI",
+                                     &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT},
+                                    {VESK_Transport_UDPv4_WAN_newI, "VESK_Transport_UDPv4_WAN_newI",
+                                     &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT},
+                                    {VESK_Transport_UDPv6_newI, "VESK_Transport_UDPv6_newI",
+                                     &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT}};
     return rows[static_cast<int>(kind)];
 }
 
-// The class's default record, as the factories start from it.
 VESK_Transport_UDP_Property_t defaults(Kind kind) {
-    static const VESK_Transport_UDP_Property_t *const records[] = {
-        &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT,
-        &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT};
-    return *records[static_cast<int>(kind)];
+    return *classOf(kind).defaults;
 }
 
 struct PluginDeleter {
@@ -227,63 +228,33 @@ TEST(UdpConstructor, RefusesRecordsItCannotRunWith) {
     };
     char *noList = nullptr;
     char longPrefix[] = "nine_char";
+    // clang-format off
     const std::vector<Row> rows = {
-        {Kind::V4, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6; },
-         "UDPv4 transport: parent.classid is not 1 (UDPv4)"},
-        {Kind::WAN, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
-         "UDPv4_WAN transport: parent.classid is not 0x01000001 (UDPv4_WAN)"},
-        {Kind::V6, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
-         "UDPv6 transport: parent.classid is not 2 or 5 (UDPv6)"},
-        {Kind::V4, [](auto &p) { p.parent.message_size_max = 0; },
-         "UDPv4 transport: parent.message_size_max is below 1"},
-        {Kind::V4, [](auto &p) { p.parent.gather_send_buffer_count_max = 0; },
-         "UDPv4 transport: parent.gather_send_buffer_count_max is below 1"},
-        {Kind::V4, [](auto &p) { p.parent.allow_interfaces_list_length = -1; },
-         "UDPv4 transport: parent.allow_interfaces_list_length is negative"},
-        {Kind::V4, [](auto &p) { p.parent.deny_interfaces_list_length = 1; },
-         "UDPv4 transport: parent.deny_interfaces_list is NULL with a positive length"},
-        {Kind::V6,
-         [&](auto &p) {
-             p.parent.allow_multicast_interfaces_list = &noList;
-             p.parent.allow_multicast_interfaces_list_length = -3;
-         },
-         "UDPv6 transport: parent.allow_multicast_interfaces_list_length is negative"},
-        {Kind::V4, [](auto &p) { p.parent.deny_multicast_interfaces_list_length = 2; },
-         "UDPv4 transport: parent.deny_multicast_interfaces_list is NULL with a positive length"},
-        {Kind::V4, [&](auto &p) { p.parent.thread_name_prefix = longPrefix; },
-         "UDPv4 transport: parent.thread_name_prefix is longer than 8 characters"},
-        {Kind::V4, [](auto &p) { p.protocol_overhead_max = -1; },
-         "UDPv4 transport: protocol_overhead_max is negative"},
-        {Kind::V4, [](auto &p) { p.parent.message_size_max = 65508; },
-         "UDPv4 transport: parent.message_size_max + protocol_overhead_max exceeds 65535"},
-        {Kind::V6, [](auto &p) { p.protocol_overhead_max = 49; },
-         "UDPv6 transport: parent.message_size_max + protocol_overhead_max exceeds 65535"},
-        {Kind::V4, [](auto &p) { p.parent.address_bit_count = -96; },
-         "UDPv4 transport: parent.address_bit_count is outside 0..128"},
-        {Kind::V6, [](auto &p) { p.parent.address_bit_count = 129; },
-         "UDPv6 transport: parent.address_bit_count is outside 0..128"},
-        {Kind::V4, [](auto &p) { p.send_socket_buffer_size = -3; },
-         "UDPv4 transport: send_socket_buffer_size is below -2"},
-        {Kind::WAN, [](auto &p) { p.recv_socket_buffer_size = -3; },
-         "UDPv4_WAN transport: recv_socket_buffer_size is below -2"},
-        {Kind::V4, [](auto &p) { p.multicast_ttl = 256; },
-         "UDPv4 transport: multicast_ttl is outside 0..255"},
-        {Kind::V4, [](auto &p) { p.multicast_ttl = -1; },
-         "UDPv4 transport: multicast_ttl is outside 0..255"},
-        {Kind::V4,
-         [](auto &p) {
-             p.transport_priority_mapping_low = 10;
-             p.transport_priority_mapping_high = 9;
-         },
-         "UDPv4 transport: transport_priority_mapping_low is above "
-         "transport_priority_mapping_high"},
-        {Kind::WAN, [](auto &p) { p.comm_ports_list_length = -1; },
-         "UDPv4_WAN transport: comm_ports_list_length is negative"},
-        {Kind::WAN, [](auto &p) { p.comm_ports_list_length = 1; },
-         "UDPv4_WAN transport: comm_ports_list is NULL with a positive length"},
-        {Kind::WAN, [](auto &p) { p.port_offset = -1; },
-         "UDPv4_WAN transport: port_offset is negative"},
+        {Kind::V4, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6; }, "UDPv4 transport: parent.classid is not 1 (UDPv4)"},
+        {Kind::WAN, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; }, "UDPv4_WAN transport: parent.classid is not 0x01000001 (UDPv4_WAN)"},
+        {Kind::V6, [](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; }, "UDPv6 transport: parent.classid is not 2 or 5 (UDPv6)"},
+        {Kind::V4, [](auto &p) { p.parent.message_size_max = 0; }, "UDPv4 transport: parent.message_size_max is below 1"},
+        {Kind::V4, [](auto &p) { p.parent.gather_send_buffer_count_max = 0; }, "UDPv4 transport: parent.gather_send_buffer_count_max is below 1"},
+        {Kind::V4, [](auto &p) { p.parent.allow_interfaces_list_length = -1; }, "UDPv4 transport: parent.allow_interfaces_list_length is negative"},
+        {Kind::V4, [](auto &p) { p.parent.deny_interfaces_list_length = 1; }, "UDPv4 transport: parent.deny_interfaces_list is NULL with a positive length"},
+        {Kind::V6, [&](auto &p) { p.parent.allow_multicast_interfaces_list = &noList; p.parent.allow_multicast_interfaces_list_length = -3; }, "UDPv6 transport: parent.allow_multicast_interfaces_list_length is negative"},
+        {Kind::V4, [](auto &p) { p.parent.deny_multicast_interfaces_list_length = 2; }, "UDPv4 transport: parent.deny_multicast_interfaces_list is NULL with a positive length"},
+        {Kind::V4, [&](auto &p) { p.parent.thread_name_prefix = longPrefix; }, "UDPv4 transport: parent.thread_name_prefix is longer than 8 characters"},
+        {Kind::V4, [](auto &p) { p.protocol_overhead_max = -1; }, "UDPv4 transport: protocol_overhead_max is negative"},
+        {Kind::V4, [](auto &p) { p.parent.message_size_max = 65508; }, "UDPv4 transport: parent.message_size_max + protocol_overhead_max exceeds 65535"},
+        {Kind::V6, [](auto &p) { p.protocol_overhead_max = 49; }, "UDPv6 transport: parent.message_size_max + protocol_overhead_max exceeds 65535"},
+        {Kind::V4, [](auto &p) { p.parent.address_bit_count = -96; }, "UDPv4 transport: parent.address_bit_count is outside 0..128"},
+        {Kind::V6, [](auto &p) { p.parent.address_bit_count = 129; }, "UDPv6 transport: parent.address_bit_count is outside 0..128"},
+        {Kind::V4, [](auto &p) { p.send_socket_buffer_size = -3; }, "UDPv4 transport: send_socket_buffer_size is below -2"},
+        {Kind::WAN, [](auto &p) { p.recv_socket_buffer_size = -3; }, "UDPv4_WAN transport: recv_socket_buffer_size is below -2"},
+        {Kind::V4, [](auto &p) { p.multicast_ttl = 256; }, "UDPv4 transport: multicast_ttl is outside 0..255"},
+        {Kind::V4, [](auto &p) { p.multicast_ttl = -1; }, "UDPv4 transport: multicast_ttl is outside 0..255"},
+        {Kind::V4, [](auto &p) { p.transport_priority_mapping_low = 10; p.transport_priority_mapping_high = 9; }, "UDPv4 transport: transport_priority_mapping_low is above transport_priority_mapping_high"},
+        {Kind::WAN, [](auto &p) { p.comm_ports_list_length = -1; }, "UDPv4_WAN transport: comm_ports_list_length is negative"},
+        {Kind::WAN, [](auto &p) { p.comm_ports_list_length = 1; }, "UDPv4_WAN transport: comm_ports_list is NULL with a positive length"},
+        {Kind::WAN, [](auto &p) { p.port_offset = -1; }, "UDPv4_WAN transport: port_offset is negative"},
     };
+    // clang-format on
     for (size_t i = 0; i < rows.size(); ++i) {
         const Row &row = rows[i];
         SCOPED_TRACE("row " + std::to_string(i) + ": " + row.message);
