@@ -71,50 +71,30 @@ int receiveOn(VESK_Transport_Plugin *plugin, const char *group_text, VESK_Transp
 }
 
 TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
+    // clang-format off
     const Refusal rows[] = {
-        {"gather",
-         {{"parent.gather_send_buffer_count_max", "2"}},
-         [](auto *p) { return sendBuffers(p, 3, 1); },
-         "UDPv4 transport: 3 buffers exceed parent.gather_send_buffer_count_max (2): gather "
-         "fewer or raise the limit"},
-        {"size",
-         {{"parent.message_size_max", "100"}},
-         [](auto *p) { return sendBuffers(p, 2, 51); },
+        {"gather", {{"parent.gather_send_buffer_count_max", "2"}}, [](auto *p) { return sendBuffers(p, 3, 1); },
+         "UDPv4 transport: 3 buffers exceed parent.gather_send_buffer_count_max (2): gather fewer or raise the limit"},
+        {"size", {{"parent.message_size_max", "100"}}, [](auto *p) { return sendBuffers(p, 2, 51); },
          "UDPv4 transport: message of 102 bytes exceeds parent.message_size_max (100): not sent"},
-        {"unicast off",
-         {{"unicast_enabled", "0"}},
-         [](auto *p) { return receiveOn(p, "0.0.0.0", 0); },
+        {"unicast off", {{"unicast_enabled", "0"}}, [](auto *p) { return receiveOn(p, "0.0.0.0", 0); },
          "UDPv4 transport: unicast is off: set unicast_enabled to 1"},
-        {"multicast off",
-         {{"multicast_enabled", "0"}},
-         [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
+        {"multicast off", {{"multicast_enabled", "0"}}, [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
          "UDPv4 transport: multicast is off: set multicast_enabled to 1"},
-        {"send port",
-         {},
-         [](auto *p) {
+        {"send port", {}, [](auto *p) {
              VESK_Transport_SendResource_t sender = nullptr;
              const VESK_Transport_Address_t address = loopbackAddress(Ip::V4);
-             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0);
-         },
-         "UDPv4 transport: sendresource_out and dest_address_in are required and the port at "
-         "most 65535"},
-        {"no multicast interface",
-         {{"parent.allow_multicast_interfaces_list", "none0"}},
+             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0); },
+         "UDPv4 transport: sendresource_out and dest_address_in are required and the port at most 65535"},
+        {"no multicast interface", {{"parent.allow_multicast_interfaces_list", "none0"}},
          [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
-         "UDPv4 transport: group 239.255.0.1 joined on no interface (0 selected by the "
-         "multicast interface lists)"},
-        {"not a group",
-         {},
-         [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
+         "UDPv4 transport: group 239.255.0.1 joined on no interface (0 selected by the multicast interface lists)"},
+        {"not a group", {}, [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
          "UDPv4 transport: multicast_address_in is not a multicast address"},
-        {"port in use",
-         {},
-         [](auto *p) {
-             Link link(p, Ip::V4);
-             return receiveOn(p, "0.0.0.0", link.port);
-         },
+        {"port in use", {}, [](auto *p) { Link link(p, Ip::V4); return receiveOn(p, "0.0.0.0", link.port); },
          "Address already in use"},
     };
+    // clang-format on
     for (const Refusal &row : rows) {
         SCOPED_TRACE(row.name);
         const int descriptors = openDescriptorCount();
@@ -186,20 +166,15 @@ struct Counters {
     Counter packets_sent, packets_received, bytes_received;
 };
 using S = Stats;
+// clang-format off
 const Counters kUser{&S::user_packets_sent, &S::user_packets_received, &S::user_bytes_received},
-    kParticipants{&S::participant_discovery_packets_sent,
-                  &S::participant_discovery_packets_received,
-                  &S::participant_discovery_bytes_received},
-    kEndpoints{&S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
-               &S::endpoint_discovery_bytes_received},
-    kAutomatic{&S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received,
-               &S::automatic_liveliness_bytes_received},
-    kManual{&S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received,
-            &S::manual_liveliness_bytes_received},
-    kLiveliness{&S::_liveliness_packets_sent, &S::_liveliness_packets_received,
-                &S::_liveliness_bytes_received},
-    kDiscovery{&S::discovery_packets_sent, &S::discovery_packets_received,
-               &S::discovery_bytes_received};
+    kParticipants{&S::participant_discovery_packets_sent, &S::participant_discovery_packets_received, &S::participant_discovery_bytes_received},
+    kEndpoints{&S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received, &S::endpoint_discovery_bytes_received},
+    kAutomatic{&S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received, &S::automatic_liveliness_bytes_received},
+    kManual{&S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received, &S::manual_liveliness_bytes_received},
+    kLiveliness{&S::_liveliness_packets_sent, &S::_liveliness_packets_received, &S::_liveliness_bytes_received},
+    kDiscovery{&S::discovery_packets_sent, &S::discovery_packets_received, &S::discovery_bytes_received};
+// clang-format on
 
 struct KindRow {
     const char *name;
