@@ -30,6 +30,7 @@
 namespace {
 
 using vesk::test::ip;
+using vesk::test::receiveInterfaces;
 using vesk::udp::InterfaceCandidate;
 using vesk::udp::InterfaceTracker;
 using Clock = std::chrono::steady_clock;
@@ -178,21 +179,6 @@ VESK_Transport_UDP_Property_t udpRecord(int force_poll, int disable_tracking) {
     return p;
 }
 
-// "address status" of each receive interface, in order.
-std::string receiveInterfaces(VESK_Transport_Plugin *plugin) {
-    VESK_Transport_Interface_t found[8]{};
-    int more = 0, count = 0;
-    if (plugin->get_receive_interfaces_cEA(plugin, &more, &count, found, 8) != 1) return "failed";
-    std::string out;
-    for (int i = 0; i < count; ++i) {
-        InterfaceCandidate c;
-        c.family = AF_INET;
-        c.address = found[i].address;
-        out += vesk::udp::addressText(c) + (found[i].status != 0 ? " up; " : " down; ");
-    }
-    return out;
-}
-
 bool waitUntil(const std::function<bool()> &test, milliseconds limit = milliseconds(1000)) {
     for (const auto end = Clock::now() + limit; Clock::now() < end;) {
         if (test()) return true;
@@ -209,9 +195,7 @@ void pluginFollows(int force_poll) {
     const int descriptors = vesk::test::openDescriptorCount();
     {
         const VESK_Transport_UDP_Property_t record = udpRecord(force_poll, 0);
-        std::unique_ptr<VESK_Transport_Plugin, void (*)(VESK_Transport_Plugin *)> plugin(
-            VESK_Transport_UDPv4_newI(&record, nullptr, nullptr),
-            [](VESK_Transport_Plugin *p) { p->delete_cEA(p, nullptr); });
+        vesk::test::PluginHandle plugin(VESK_Transport_UDPv4_newI(&record, nullptr, nullptr));
         ASSERT_NE(plugin, nullptr);
         VESK_Transport_Plugin *self = plugin.get();
         Listener listener;
@@ -271,13 +255,12 @@ TEST(UdpPluginTracking, DisabledTrackingKeepsTheFirstSelection) {
     ASSERT_TRUE(ip("link set vp0 up"));
     const int descriptors = vesk::test::openDescriptorCount();
     const VESK_Transport_UDP_Property_t record = udpRecord(0, 1);
-    VESK_Transport_Plugin *plugin = VESK_Transport_UDPv4_newI(&record, nullptr, nullptr);
+    vesk::test::PluginHandle plugin(VESK_Transport_UDPv4_newI(&record, nullptr, nullptr));
     ASSERT_NE(plugin, nullptr);
     EXPECT_EQ(vesk::test::openDescriptorCount(), descriptors);  // no tracker, no socket
     ASSERT_TRUE(ip("addr add 192.0.2.1/24 dev vp0"));
     std::this_thread::sleep_for(milliseconds(200));
-    EXPECT_EQ(receiveInterfaces(plugin), "127.0.0.1 up; ");  // lo, alone at creation
-    plugin->delete_cEA(plugin, nullptr);
+    EXPECT_EQ(receiveInterfaces(plugin.get()), "127.0.0.1 up; ");  // lo, alone at creation
 }
 
 // The devices on which this thread's namespace has joined the IPv4 group
