@@ -109,6 +109,13 @@ struct WanSource {
 // ---------------------------------------------------------------------
 // Record copy
 
+// A finalized or refused copy points at nothing.
+bool ownsNothing(const VESK_Transport_UDP_Property_t &copy) {
+    return copy.public_address == nullptr && copy.comm_ports_list == nullptr &&
+           copy.comm_ports_list_length == 0 && copy.parent.allow_interfaces_list == nullptr &&
+           copy.parent.thread_name_prefix == nullptr;
+}
+
 TEST(UdpPropertyCopy, DeepCopiesTheOwnedMembers) {
     WanSource source;
     const KEL_UINT64 before = liveHeapBlocks();
@@ -132,10 +139,7 @@ TEST(UdpPropertyCopy, DeepCopiesTheOwnedMembers) {
     EXPECT_STREQ(copy.parent.thread_name_prefix, "wan01");
 
     VESK_Transport_UDP_Property_finalize(&copy);
-    EXPECT_EQ(copy.public_address, nullptr);
-    EXPECT_EQ(copy.comm_ports_list, nullptr);
-    EXPECT_EQ(copy.comm_ports_list_length, 0);
-    EXPECT_EQ(copy.parent.allow_interfaces_list, nullptr);
+    EXPECT_TRUE(ownsNothing(copy));
     EXPECT_EQ(liveHeapBlocks(), before);
     VESK_Transport_UDP_Property_finalize(nullptr);
 }
@@ -147,9 +151,7 @@ TEST(UdpPropertyCopy, RefusesAPortListThatIsNotThere) {
     VESK_Transport_UDP_Property_t copy{};
     EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, &source.record), 0);
     EXPECT_EQ(liveHeapBlocks(), before);
-    EXPECT_EQ(copy.public_address, nullptr);
-    EXPECT_EQ(copy.parent.allow_interfaces_list, nullptr);
-    EXPECT_EQ(copy.parent.thread_name_prefix, nullptr);
+    EXPECT_TRUE(ownsNothing(copy));
     EXPECT_EQ(VESK_Transport_UDP_Property_copy(nullptr, &source.record), 0);
     EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, nullptr), 0);
 }
@@ -172,10 +174,7 @@ TEST(UdpPropertyCopy, EveryAllocationFailureLeavesNothing) {
         }
         ++failures;
         EXPECT_EQ(liveHeapBlocks(), before);
-        EXPECT_TRUE(copy.public_address == nullptr && copy.comm_ports_list == nullptr &&
-                    copy.comm_ports_list_length == 0 &&
-                    copy.parent.allow_interfaces_list == nullptr &&
-                    copy.parent.thread_name_prefix == nullptr);
+        EXPECT_TRUE(ownsNothing(copy));
     }
     EXPECT_EQ(failures, 6);
 }
