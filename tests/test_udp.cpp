@@ -5,8 +5,6 @@
 // traffic in test_udp_traffic.
 
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sys/socket.h>
 
 #include <cstring>
 #include <functional>
@@ -20,7 +18,6 @@
 #include "vesk_transport/platform/Heap.h"
 #include "vesk_transport/platform/Udp.h"
 #include "vesk_transport/platform/UdpWan.h"
-#include "vesk_transport/platform/udp/Interfaces.hpp"
 
 namespace {
 
@@ -55,10 +52,7 @@ VESK_Transport_UDP_Property_t defaults(Kind kind) {
     return *classOf(kind).defaults;
 }
 
-struct PluginDeleter {
-    void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
-};
-using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
+using PluginPtr = vesk::test::PluginHandle;
 
 PluginPtr make(Kind kind, const VESK_Transport_UDP_Property_t &property) {
     return PluginPtr(classOf(kind).create(&property, nullptr, nullptr));
