@@ -169,12 +169,10 @@ struct Listener : VESK_Transport_Listener {
     }
 };
 
-VESK_Transport_UDP_Property_t udpRecord(int force_poll, int disable_tracking) {
+VESK_Transport_UDP_Property_t udpRecord(int disable_tracking = 0) {
     VESK_Transport_UDP_Property_t p = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT;
     p.ignore_loopback_interface = -1;
     p.ignore_nonrunning_interfaces = 0;  // the veth peers stay down: no carrier
-    p.force_interface_poll_detection = force_poll;
-    p.interface_poll_period = 100;
     p.disable_interface_tracking = disable_tracking;
     return p;
 }
@@ -187,14 +185,16 @@ bool waitUntil(const std::function<bool()> &test, milliseconds limit = milliseco
     return test();
 }
 
-void pluginFollows(int force_poll) {
+// The plugin's side of tracking is the same whichever way the tracker
+// looks (both ways are tested above): netlink here.
+TEST(UdpPluginTracking, FollowsChanges) {
     VESK_ENTER_NET_NAMESPACE(ns);
     ASSERT_TRUE(ip("link add vp0 type veth peer name vp1"));
     ASSERT_TRUE(ip("addr add 192.0.2.1/24 dev vp0"));
     ASSERT_TRUE(ip("link set vp0 up"));
     const int descriptors = vesk::test::openDescriptorCount();
     {
-        const VESK_Transport_UDP_Property_t record = udpRecord(force_poll, 0);
+        const VESK_Transport_UDP_Property_t record = udpRecord();
         vesk::test::PluginHandle plugin(VESK_Transport_UDPv4_newI(&record, nullptr, nullptr));
         ASSERT_NE(plugin, nullptr);
         VESK_Transport_Plugin *self = plugin.get();
@@ -244,17 +244,12 @@ void pluginFollows(int force_poll) {
     EXPECT_EQ(vesk::test::openDescriptorCount(), descriptors);
 }
 
-// clang-format off
-TEST(UdpPluginTracking, FollowsChangesWithNetlink) { pluginFollows(0); }
-TEST(UdpPluginTracking, FollowsChangesByPolling) { pluginFollows(1); }
-// clang-format on
-
 TEST(UdpPluginTracking, DisabledTrackingKeepsTheFirstSelection) {
     VESK_ENTER_NET_NAMESPACE(ns);
     ASSERT_TRUE(ip("link add vp0 type veth peer name vp1"));
     ASSERT_TRUE(ip("link set vp0 up"));
     const int descriptors = vesk::test::openDescriptorCount();
-    const VESK_Transport_UDP_Property_t record = udpRecord(0, 1);
+    const VESK_Transport_UDP_Property_t record = udpRecord(1);
     vesk::test::PluginHandle plugin(VESK_Transport_UDPv4_newI(&record, nullptr, nullptr));
     ASSERT_NE(plugin, nullptr);
     EXPECT_EQ(vesk::test::openDescriptorCount(), descriptors);  // no tracker, no socket
@@ -290,7 +285,7 @@ TEST(UdpPluginTracking, MulticastGroupsFollowTheInterfaces) {
                                 "addr add 192.0.2.1/24 dev vm0", "link set vm0 up"}) {
         ASSERT_TRUE(ip(command));
     }
-    VESK_Transport_UDP_Property_t record = udpRecord(0, 0);
+    VESK_Transport_UDP_Property_t record = udpRecord();
     std::string pattern = "vm*";
     char *allow[] = {pattern.data()};
     record.parent.allow_multicast_interfaces_list = allow;
