@@ -133,7 +133,7 @@ TEST(InterfaceSelection, EntryForms) {
         {"ETH0", false, false}, {"10.1.2.3", true, false}, {"10.1.*", true, false},
         {"10.0.0.0/8", true, false}, {"10.1.2.3/32", true, false}, {"10.1.2.4/32", false, false},
         {"0.0.0.0/0", true, false}, {"fe80::/10", false, true}, {"fe80::1/128", false, true},
-        {"*", true, true}, {"10.1.2.3*", true, false}, {"eth0 ", false, false}, {"fec0::/10", false, false}, {"10.0.0.0/33", false, false}, {"10.0.0.0/", false, false},
+        {"*", true, true}, {"10.1.2.3*", true, false}, {"eth0 ", false, false}, {"fec0::/10", false, false}, {"10.0.0.0/33", false, false}, {"fe80::/129", false, false}, {"10.0.0.0/", false, false},
         {"10.0.0.0/x", false, false}, {"nothing/8", false, false}, {"", false, false},
     };
     // clang-format on
