@@ -92,10 +92,9 @@ TEST(InterfaceSelection, EveryRuleWithItsReason) {
          "veth0 192.0.2.1; veth0 192.0.2.9; tun0 10.200.0.1; -lo 127.0.0.1 (not in the allow list); "
          "-veth1 198.51.100.1 (in the deny list); -dock0 10.1.0.1 (not in the allow list); "
          "-wlan0 203.0.113.1 (not in the allow list); "},
-        {"allow by CIDR, deny by address", {"192.0.2.0/24", "10.0.0.0/8"}, {"192.0.2.9"}, 1, -1, 0, 0, false,
-         "veth0 192.0.2.1; dock0 10.1.0.1; tun0 10.200.0.1; -lo 127.0.0.1 (not in the allow list); "
-         "-veth0 192.0.2.9 (in the deny list); -veth1 198.51.100.1 (not in the allow list); "
-         "-wlan0 203.0.113.1 (not in the allow list); "},
+        {"allow by CIDR, deny by address, non-up kept", {"192.0.2.0/24", "10.0.0.0/8", "wlan0"}, {"192.0.2.9"}, 1, -1, 0, 0, false,
+         "veth0 192.0.2.1; dock0 10.1.0.1; wlan0 203.0.113.1; tun0 10.200.0.1; -lo 127.0.0.1 (not in the allow list); "
+         "-veth0 192.0.2.9 (in the deny list); -veth1 198.51.100.1 (not in the allow list); "},
         {"max counts interfaces", {}, {"tun*"}, 1, 1, 1, 1, false,
          "veth0 192.0.2.1; veth0 192.0.2.9; -lo 127.0.0.1 (loopback ignored); "
          "-veth1 198.51.100.1 (over max_interface_count); -dock0 10.1.0.1 (not running); "
@@ -134,7 +133,7 @@ TEST(InterfaceSelection, EntryForms) {
         {"ETH0", false, false}, {"10.1.2.3", true, false}, {"10.1.*", true, false},
         {"10.0.0.0/8", true, false}, {"10.1.2.3/32", true, false}, {"10.1.2.4/32", false, false},
         {"0.0.0.0/0", true, false}, {"fe80::/10", false, true}, {"fe80::1/128", false, true},
-        {"fec0::/10", false, false}, {"10.0.0.0/33", false, false}, {"10.0.0.0/", false, false},
+        {"*", true, true}, {"10.1.2.3*", true, false}, {"eth0 ", false, false}, {"fec0::/10", false, false}, {"10.0.0.0/33", false, false}, {"fe80::/129", false, false}, {"10.0.0.0/", false, false},
         {"10.0.0.0/x", false, false}, {"nothing/8", false, false}, {"", false, false},
     };
     // clang-format on

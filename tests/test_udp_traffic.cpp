@@ -4,15 +4,12 @@
 // non-blocking drops inside a network namespace of the test's own, two
 // processes, and descriptors and heap blocks after every allocation failure.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sched.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -20,6 +17,7 @@
 #include <thread>
 
 #include "support/AllocationSweep.hpp"
+#include "support/NetNamespace.hpp"
 #include "support/TestSupport.hpp"
 #include "support/UdpTraffic.hpp"
 #include "vesk_transport/platform/SocketUtil.h"
@@ -45,11 +43,7 @@ TEST_P(Classes, GatheredBuffersArriveAsOneDatagram) {
     ASSERT_EQ(plugin->send(plugin.get(), &link.sender, nullptr, 0, 0, gather, 3, nullptr), 1);
     const Bytes got = link.receive();
     EXPECT_EQ(std::string(got.begin(), got.end()), "hello world");
-    const Stats stats = statisticsOf(plugin.get());
-    EXPECT_EQ(stats.user_packets_sent, 1u);
-    EXPECT_EQ(stats.user_bytes_sent, 11u);
-    EXPECT_EQ(stats.user_packets_received, 1u);
-    EXPECT_EQ(stats.user_bytes_received, 11u);
+    EXPECT_EQ(statisticsOf(plugin.get()).user_bytes_sent, 11u);  // counted once, not per buffer
 }
 
 // Each refusal: result 0 and one logged message naming the fix.
@@ -77,50 +71,30 @@ int receiveOn(VESK_Transport_Plugin *plugin, const char *group_text, VESK_Transp
 }
 
 TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
+    // clang-format off
     const Refusal rows[] = {
-        {"gather",
-         {{"parent.gather_send_buffer_count_max", "2"}},
-         [](auto *p) { return sendBuffers(p, 3, 1); },
-         "UDPv4 transport: 3 buffers exceed parent.gather_send_buffer_count_max (2): gather "
-         "fewer or raise the limit"},
-        {"size",
-         {{"parent.message_size_max", "100"}},
-         [](auto *p) { return sendBuffers(p, 2, 51); },
+        {"gather", {{"parent.gather_send_buffer_count_max", "2"}}, [](auto *p) { return sendBuffers(p, 3, 1); },
+         "UDPv4 transport: 3 buffers exceed parent.gather_send_buffer_count_max (2): gather fewer or raise the limit"},
+        {"size", {{"parent.message_size_max", "100"}}, [](auto *p) { return sendBuffers(p, 2, 51); },
          "UDPv4 transport: message of 102 bytes exceeds parent.message_size_max (100): not sent"},
-        {"unicast off",
-         {{"unicast_enabled", "0"}},
-         [](auto *p) { return receiveOn(p, "0.0.0.0", 0); },
+        {"unicast off", {{"unicast_enabled", "0"}}, [](auto *p) { return receiveOn(p, "0.0.0.0", 0); },
          "UDPv4 transport: unicast is off: set unicast_enabled to 1"},
-        {"multicast off",
-         {{"multicast_enabled", "0"}},
-         [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
+        {"multicast off", {{"multicast_enabled", "0"}}, [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
          "UDPv4 transport: multicast is off: set multicast_enabled to 1"},
-        {"send port",
-         {},
-         [](auto *p) {
+        {"send port", {}, [](auto *p) {
              VESK_Transport_SendResource_t sender = nullptr;
              const VESK_Transport_Address_t address = loopbackAddress(Ip::V4);
-             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0);
-         },
-         "UDPv4 transport: sendresource_out and dest_address_in are required and the port at "
-         "most 65535"},
-        {"no multicast interface",
-         {{"parent.allow_multicast_interfaces_list", "none0"}},
+             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0); },
+         "UDPv4 transport: sendresource_out and dest_address_in are required and the port at most 65535"},
+        {"no multicast interface", {{"parent.allow_multicast_interfaces_list", "none0"}},
          [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
-         "UDPv4 transport: group 239.255.0.1 joined on no interface (0 selected by the "
-         "multicast interface lists)"},
-        {"not a group",
-         {},
-         [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
+         "UDPv4 transport: group 239.255.0.1 joined on no interface (0 selected by the multicast interface lists)"},
+        {"not a group", {}, [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
          "UDPv4 transport: multicast_address_in is not a multicast address"},
-        {"port in use",
-         {},
-         [](auto *p) {
-             Link link(p, Ip::V4);
-             return receiveOn(p, "0.0.0.0", link.port);
-         },
+        {"port in use", {}, [](auto *p) { Link link(p, Ip::V4); return receiveOn(p, "0.0.0.0", link.port); },
          "Address already in use"},
     };
+    // clang-format on
     for (const Refusal &row : rows) {
         SCOPED_TRACE(row.name);
         const int descriptors = openDescriptorCount();
@@ -192,20 +166,15 @@ struct Counters {
     Counter packets_sent, packets_received, bytes_received;
 };
 using S = Stats;
+// clang-format off
 const Counters kUser{&S::user_packets_sent, &S::user_packets_received, &S::user_bytes_received},
-    kParticipants{&S::participant_discovery_packets_sent,
-                  &S::participant_discovery_packets_received,
-                  &S::participant_discovery_bytes_received},
-    kEndpoints{&S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received,
-               &S::endpoint_discovery_bytes_received},
-    kAutomatic{&S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received,
-               &S::automatic_liveliness_bytes_received},
-    kManual{&S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received,
-            &S::manual_liveliness_bytes_received},
-    kLiveliness{&S::_liveliness_packets_sent, &S::_liveliness_packets_received,
-                &S::_liveliness_bytes_received},
-    kDiscovery{&S::discovery_packets_sent, &S::discovery_packets_received,
-               &S::discovery_bytes_received};
+    kParticipants{&S::participant_discovery_packets_sent, &S::participant_discovery_packets_received, &S::participant_discovery_bytes_received},
+    kEndpoints{&S::endpoint_discovery_packets_sent, &S::endpoint_discovery_packets_received, &S::endpoint_discovery_bytes_received},
+    kAutomatic{&S::automatic_liveliness_packets_sent, &S::automatic_liveliness_packets_received, &S::automatic_liveliness_bytes_received},
+    kManual{&S::manual_liveliness_packets_sent, &S::manual_liveliness_packets_received, &S::manual_liveliness_bytes_received},
+    kLiveliness{&S::_liveliness_packets_sent, &S::_liveliness_packets_received, &S::_liveliness_bytes_received},
+    kDiscovery{&S::discovery_packets_sent, &S::discovery_packets_received, &S::discovery_bytes_received};
+// clang-format on
 
 struct KindRow {
     const char *name;
@@ -455,110 +424,69 @@ TEST(UdpSockets, BufferSizesAreGrantedAndReported) {
     }
 }
 
-// Runs body in a forked child inside a new network namespace with lo up;
-// the child's exit code: 0 pass, 77 skip, other fail. At most 20 s.
-void inOwnNetwork(const char *setup, const std::function<bool()> &body) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (unshare(CLONE_NEWNET) != 0) _exit(77);
-        const std::string command = std::string("ip link set lo up && ") + setup;
-        if (std::system(command.c_str()) != 0) _exit(78);
-        _exit(body() ? 0 : 1);
-    }
-    int status = 0;
-    for (int i = 0; i < 2000 && waitpid(child, &status, WNOHANG) == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (waitpid(child, &status, WNOHANG) == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
-        FAIL() << "the namespace child did not finish";
-    }
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no network namespace (unshare refused)";
-    if (WEXITSTATUS(status) == 78) GTEST_SKIP() << "ip/tc could not set the namespace up";
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
 // Multicast over lo, with lo's multicast flag set in a namespace of our own:
 // a group joined at creation, a second one by sharing, each received.
 TEST(UdpMulticast, GroupsJoinedOnLoopbackReceive) {
-    inOwnNetwork("ip link set lo multicast on", [] {
-        PluginHandle plugin = makeUdp(Ip::V4, {{"parent.allow_multicast_interfaces_list", "lo"}});
-        if (!plugin) return false;
-        VESK_Transport_Plugin *p = plugin.get();
-        VESK_Transport_Address_t first{}, second{};
-        p->string_to_address_cEA(p, &first, "239.255.0.1");
-        p->string_to_address_cEA(p, &second, "239.255.0.2");
-        VESK_Transport_RecvResource_t resource = nullptr;
-        VESK_Transport_Port_t port = 0;
-        bool ok = p->create_recvresource_rrEA(p, &resource, &port, &first, 0) == 1 &&
-                  p->share_recvresource_rrEA(p, &resource, &second, port, 0) == 1;
-        for (const VESK_Transport_Address_t &group : {first, second}) {
-            VESK_Transport_SendResource_t sender = nullptr;
-            if (!ok || !p->create_sendresource_srEA(p, &sender, &group, port, 0)) return false;
-            char byte = static_cast<char>(group.network_ordered_value[15]);
-            VESK_Transport_Buffer_t buffer{1, &byte}, into{1, &byte};
-            VESK_Transport_Message_t message{};
-            ok = p->send(p, &sender, nullptr, 0, 0, &buffer, 1, nullptr) == 1;
-            byte = 0;
-            ok = ok && p->receive_rEA(p, &resource, &into, &message, nullptr) == 1 &&
-                 byte == group.network_ordered_value[15];
-            p->destroy_sendresource_srEA(p, &sender);
-        }
-        ok = ok && p->unshare_recvresource_rrEA(p, &resource, &second, port) == 1 &&
-             p->unshare_recvresource_rrEA(p, &resource, &second, port) == 0;
-        if (resource != nullptr) p->destroy_recvresource_rrEA(p, &resource);
-        return ok;
-    });
+    VESK_ENTER_NET_NAMESPACE(ns);
+    ASSERT_TRUE(ip("link set lo multicast on"));
+    PluginHandle plugin = makeUdp(Ip::V4, {{"parent.allow_multicast_interfaces_list", "lo"}});
+    ASSERT_NE(plugin, nullptr);
+    VESK_Transport_Plugin *p = plugin.get();
+    VESK_Transport_Address_t first{}, second{};
+    p->string_to_address_cEA(p, &first, "239.255.0.1");
+    p->string_to_address_cEA(p, &second, "239.255.0.2");
+    Link link(p, Ip::V4);  // its receiver is replaced by one on the groups
+    p->destroy_recvresource_rrEA(p, &link.receiver);
+    link.receiver = nullptr;
+    VESK_Transport_Port_t port = 0;
+    ASSERT_EQ(p->create_recvresource_rrEA(p, &link.receiver, &port, &first, 0), 1);
+    ASSERT_EQ(p->share_recvresource_rrEA(p, &link.receiver, &second, port, 0), 1);
+    for (const VESK_Transport_Address_t &group : {first, second}) {
+        p->destroy_sendresource_srEA(p, &link.sender);
+        link.sender = nullptr;
+        ASSERT_EQ(p->create_sendresource_srEA(p, &link.sender, &group, port, 0), 1);
+        ASSERT_EQ(link.send({group.network_ordered_value[15]}), 1);
+        EXPECT_EQ(link.receive(), Bytes{group.network_ordered_value[15]});
+    }
+    EXPECT_EQ(p->unshare_recvresource_rrEA(p, &link.receiver, &second, port), 1);
+    EXPECT_EQ(p->unshare_recvresource_rrEA(p, &link.receiver, &second, port), 0);
 }
 
 // send_blocking NEVER: with the send buffer held by a slow queue (a token
 // bucket on the namespace's lo), sends are dropped and counted instead of
 // blocking.
 TEST(UdpSend, NeverBlockingDropsAndCountsWhenTheBufferIsFull) {
-    inOwnNetwork("tc qdisc add dev lo root tbf rate 8kbit burst 10kb latency 60s", [] {
-        PluginHandle plugin = makeUdp(Ip::V4, {{"send_blocking", "TRANSPORT_BLOCKING_NEVER"},
-                                               {"send_socket_buffer_size", "16384"}});
-        if (!plugin) return false;
-        VESK_Transport_Plugin *p = plugin.get();
-        VESK_Transport_Address_t peer{};
-        p->string_to_address_cEA(p, &peer, "127.0.0.1");
-        VESK_Transport_SendResource_t sender = nullptr;
-        if (!p->create_sendresource_srEA(p, &sender, &peer, 9, 0)) return false;
-        static char data[4000];
-        VESK_Transport_Buffer_t buffer{sizeof data, data};
-        KEL_UINT64 refused = 0;
-        for (int i = 0; i < 64; ++i) {
-            refused += p->send(p, &sender, nullptr, 0, 0, &buffer, 1, nullptr) == 0 ? 1 : 0;
-        }
-        VESK_Transport_UDP_DropCounts drops{};
-        VESK_Transport_UDP_get_drop_counts(p, &drops);
-        p->destroy_sendresource_srEA(p, &sender);
-        return refused > 0 && drops.send_would_block == refused;
-    });
+    VESK_ENTER_NET_NAMESPACE(ns);
+    if (!run("tc qdisc add dev lo root tbf rate 8kbit burst 10kb latency 60s")) {
+        GTEST_SKIP() << "tc could not shape lo";
+    }
+    PluginHandle plugin = makeUdp(Ip::V4, {{"send_blocking", "TRANSPORT_BLOCKING_NEVER"},
+                                           {"send_socket_buffer_size", "16384"}});
+    ASSERT_NE(plugin, nullptr);
+    Link link(plugin.get(), Ip::V4);
+    KEL_UINT64 refused = 0;
+    for (int i = 0; i < 64; ++i) refused += link.send(Bytes(4000)) == 0 ? 1 : 0;
+    VESK_Transport_UDP_DropCounts drops{};
+    VESK_Transport_UDP_get_drop_counts(plugin.get(), &drops);
+    EXPECT_GT(refused, 0u);
+    EXPECT_EQ(drops.send_would_block, refused);
 }
 
-// Another process sends; this one receives and counts by kind.
+// Another process sends three datagrams; this one receives them.
 TEST_P(Classes, TwoProcessesExchange) {
     PluginHandle plugin = makeUdp(GetParam());
     ASSERT_NE(plugin, nullptr);
-    VESK_Transport_RecvResource_t resource = nullptr;
-    VESK_Transport_Port_t port = 0;
-    ASSERT_EQ(plugin->create_recvresource_rrEA(plugin.get(), &resource, &port, nullptr, 0), 1);
-    const Bytes spdp = Rtps().data(kSpdp, {1, 2, 3}).bytes;
+    Link link(plugin.get(), GetParam());
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
         PluginHandle own = makeUdp(GetParam());
         const VESK_Transport_Address_t address = loopbackAddress(GetParam());
         VESK_Transport_SendResource_t sender = nullptr;
+        char byte = 1;
+        VESK_Transport_Buffer_t buffer{1, &byte};
         int sent = 0;
-        if (own && own->create_sendresource_srEA(own.get(), &sender, &address, port, 0)) {
-            VESK_Transport_Buffer_t buffer{
-                static_cast<KEL_INT32>(spdp.size()),
-                const_cast<char *>(reinterpret_cast<const char *>(spdp.data()))};
+        if (own && own->create_sendresource_srEA(own.get(), &sender, &address, link.port, 0)) {
             for (int i = 0; i < 3; ++i) {
                 sent += own->send(own.get(), &sender, nullptr, 0, 0, &buffer, 1, nullptr);
             }
@@ -570,25 +498,16 @@ TEST_P(Classes, TwoProcessesExchange) {
     std::thread watchdog([&] {
         for (int i = 0; i < 500 && !done; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (!done) plugin->unblock_receive_rrEA(plugin.get(), &resource, nullptr);
+        if (!done) plugin->unblock_receive_rrEA(plugin.get(), &link.receiver, nullptr);
     });
-    std::vector<char> storage(2048);
-    VESK_Transport_Buffer_t buffer{2048, storage.data()};
     int received = 0;
-    for (int i = 0; i < 3; ++i) {
-        VESK_Transport_Message_t message{};
-        received += plugin->receive_rEA(plugin.get(), &resource, &buffer, &message, nullptr);
-    }
+    for (int i = 0; i < 3; ++i) received += link.receive() == Bytes{1} ? 1 : 0;
     done = true;
     watchdog.join();
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(received, 3);
-    const Stats stats = statisticsOf(plugin.get());
-    EXPECT_EQ(stats.participant_discovery_packets_received, 3u);
-    EXPECT_EQ(stats.participant_discovery_bytes_received, 3 * (spdp.size() - 20));
-    plugin->destroy_recvresource_rrEA(plugin.get(), &resource);
 }
 
 // Each allocation of a whole exchange (factory, resources, send, receive,

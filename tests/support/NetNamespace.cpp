@@ -8,38 +8,24 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 extern char **environ;
 
 namespace vesk::test {
 
-namespace {
-
-int openCurrent() {
-    return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-}
-
-}  // namespace
-
-std::string netNamespaceUnavailableReason() {
-    if (geteuid() != 0) return "network namespaces need root (CAP_SYS_ADMIN)";
-    const char *preload = std::getenv("LD_PRELOAD");
-    if (preload != nullptr && std::strstr(preload, "vgpreload") != nullptr) {
-        return "under valgrind: namespace tests run in the plain and sanitizer builds";
-    }
-    return "";
-}
-
-bool runCommand(const std::vector<std::string> &argv, int timeout_ms) {
+bool run(const std::string &words, int timeout_ms) {
+    std::vector<std::string> argv;
+    std::istringstream in(words);
+    for (std::string word; in >> word;) argv.push_back(word);
     std::vector<char *> args;
-    for (const std::string &word : argv) args.push_back(const_cast<char *>(word.c_str()));
+    for (std::string &word : argv) args.push_back(word.data());
     args.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -50,9 +36,7 @@ bool runCommand(const std::vector<std::string> &argv, int timeout_ms) {
     if (spawned != 0) return false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     int status = 0;
-    for (;;) {
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) break;
+    for (pid_t done; (done = waitpid(pid, &status, WNOHANG)) != pid;) {
         if (done < 0 && errno != EINTR) return false;
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
@@ -64,72 +48,26 @@ bool runCommand(const std::vector<std::string> &argv, int timeout_ms) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-bool ip(const std::string &words) {
-    std::vector<std::string> argv = {"ip"};
-    std::istringstream in(words);
-    for (std::string word; in >> word;) argv.push_back(word);
-    return runCommand(argv);
-}
-
 ScopedNetNamespace::ScopedNetNamespace() {
-    reason_ = netNamespaceUnavailableReason();
-    if (!reason_.empty()) return;
-    original_ = openCurrent();
-    if (original_ < 0) {
+    const char *preload = std::getenv("LD_PRELOAD");
+    if (geteuid() != 0) {
+        reason_ = "network namespaces need root (CAP_SYS_ADMIN)";
+    } else if (preload != nullptr && std::strstr(preload, "vgpreload") != nullptr) {
+        reason_ = "under valgrind: namespace tests run in the plain and sanitizer builds";
+    } else if ((original_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)) < 0) {
         reason_ = std::string("cannot open the current namespace: ") + std::strerror(errno);
-        return;
-    }
-    if (unshare(CLONE_NEWNET) != 0) {
+    } else if (unshare(CLONE_NEWNET) != 0) {
         reason_ = std::string("unshare(CLONE_NEWNET) refused: ") + std::strerror(errno);
         close(original_);
         original_ = -1;
-        return;
+    } else if (!ip("link set lo up")) {
+        reason_ = "cannot set lo up in the new namespace";
     }
-    if (!ip("link set lo up")) reason_ = "cannot set lo up in the new namespace";
 }
 
 ScopedNetNamespace::~ScopedNetNamespace() {
     if (original_ < 0) return;
     if (setns(original_, CLONE_NEWNET) != 0) std::abort();  // the test thread must get home
-    close(original_);
-}
-
-NamedNetNamespaces::~NamedNetNamespaces() {
-    for (const std::string &name : names_) ip("netns del " + name);
-}
-
-std::string NamedNetNamespaces::add() {
-    static std::atomic<int> counter{0};
-    const std::string name =
-        "vesk-" + std::to_string(getpid()) + "-" + std::to_string(counter.fetch_add(1));
-    if (!ip("netns add " + name)) return "";
-    names_.push_back(name);
-    if (!ip("-n " + name + " link set lo up")) return "";
-    return name;
-}
-
-bool NamedNetNamespaces::connect(const std::string &a, const std::string &a_interface,
-                                 const std::string &a_address, const std::string &b,
-                                 const std::string &b_interface, const std::string &b_address) {
-    // Each end is made directly in its namespace.
-    return ip("link add " + a_interface + " netns " + a + " type veth peer name " + b_interface +
-              " netns " + b) &&
-           ip("-n " + a + " addr add " + a_address + " dev " + a_interface) &&
-           ip("-n " + b + " addr add " + b_address + " dev " + b_interface) &&
-           ip("-n " + a + " link set " + a_interface + " up") &&
-           ip("-n " + b + " link set " + b_interface + " up");
-}
-
-NamedNetNamespaces::Entered::Entered(const std::string &name) {
-    original_ = openCurrent();
-    const int target = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
-    ok_ = original_ >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0;
-    if (target >= 0) close(target);
-}
-
-NamedNetNamespaces::Entered::~Entered() {
-    if (original_ < 0) return;
-    if (ok_ && setns(original_, CLONE_NEWNET) != 0) std::abort();
     close(original_);
 }
 

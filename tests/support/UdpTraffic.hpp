@@ -104,6 +104,25 @@ inline VESK_Transport_UDP_Statistics statisticsOf(VESK_Transport_Plugin *plugin)
     return statistics;
 }
 
+// "a.b.c.d up; " per receive interface of a UDPv4 plugin ("down" when not
+// up, "?" for another class id), "more" when some did not fit, or "failed".
+inline std::string receiveInterfaces(VESK_Transport_Plugin *plugin, int room = 8) {
+    VESK_Transport_Interface_t found[8]{};
+    int more = 0, count = 0;
+    if (plugin->get_receive_interfaces_cEA(plugin, &more, &count, room > 0 ? found : nullptr,
+                                           room) != 1) {
+        return "failed";
+    }
+    std::string out;
+    for (int i = 0; i < count; ++i) {
+        const unsigned char *b = found[i].address.network_ordered_value + 12;
+        for (int k = 0; k < 4; ++k) out += std::to_string(b[k]) + (k < 3 ? "." : "");
+        out += found[i].transport_classid != VESK_TRANSPORT_CLASSID_UDPv4 ? "?" : "";
+        out += found[i].status != 0 ? " up; " : " down; ";
+    }
+    return out + (more != 0 ? "more" : "");
+}
+
 inline int openDescriptorCount() {
     int count = 0;
     if (DIR *directory = opendir("/proc/self/fd")) {
