@@ -10,6 +10,7 @@
 #include <iomanip>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -128,15 +129,21 @@ struct ParticipantDeleter {
     }
 };
 
-// A plugin made from the files, installed on a participant of its own,
-// with at most one receive and one send resource.
+// A plugin made from the files, with at most one receive and one send
+// resource. A UDP plugin is installed on a participant of its own (whose
+// statistics the module reads); a shared-memory plugin stays the
+// endpoint's own.
 class Endpoint {
 public:
-    Endpoint(const UdpRecord &record, std::string &error) {
+    Endpoint(VESK_Transport_Plugin *plugin, bool shmem, std::string &error)
+        : plugin_(plugin), shmem_(shmem) {
+        if (shmem_) {
+            if (plugin_ == nullptr) error = "the transport could not be built from the files";
+            return;
+        }
         DDS_DomainParticipantOptions options = DDS_DOMAINPARTICIPANT_OPTIONS_DEFAULT;
         options.transport_builtin_mask = 0;
         participant_.reset(DDS_DomainParticipant_create(&options));
-        plugin_ = record.newPlugin();
         if (!participant_ || plugin_ == nullptr) {
             error = "the transport could not be built from the files";
             if (plugin_ != nullptr) plugin_->delete_cEA(plugin_, nullptr);
@@ -158,6 +165,7 @@ public:
     ~Endpoint() {
         if (sender_ != nullptr) plugin_->destroy_sendresource_srEA(plugin_, &sender_);
         if (receiver_ != nullptr) plugin_->destroy_recvresource_rrEA(plugin_, &receiver_);
+        if (shmem_ && plugin_ != nullptr) plugin_->delete_cEA(plugin_, nullptr);
     }
     Endpoint(const Endpoint &) = delete;
     Endpoint &operator=(const Endpoint &) = delete;
@@ -165,18 +173,29 @@ public:
     bool ok() const { return plugin_ != nullptr; }
     // Receives on port (0: any free port, then the port chosen).
     bool listen(VESK_Transport_Port_t &port) {
+        if (port == 0 && shmem_) return listenShmem(port);
         return plugin_->create_recvresource_rrEA(plugin_, &receiver_, &port, nullptr, 0) != 0;
     }
     // The UDP port that a receive resource on rtps_port listens on: a WAN
     // transport maps RTPS ports to host ports; the others use them as they are.
     VESK_Transport_Port_t wirePort(VESK_Transport_Port_t rtps_port) const {
         VESK_Transport_UDP_WAN_PortMapping mapping{};
-        if (VESK_Transport_UDP_WAN_get_mapping(plugin_, rtps_port, &mapping) == 0) return rtps_port;
+        if (shmem_ || VESK_Transport_UDP_WAN_get_mapping(plugin_, rtps_port, &mapping) == 0)
+            return rtps_port;
         return mapping.host_port;
     }
+    // Sends to address and port; shared memory sends to this host's own
+    // shared-memory address (the one receive interface), whatever the text.
     bool connect(const std::string &address, VESK_Transport_Port_t port) {
         VESK_Transport_Address_t destination{};
-        return plugin_->string_to_address_cEA(plugin_, &destination, address.c_str()) != 0 &&
+        VESK_Transport_Interface_t own{};
+        int more = 0, count = 0;
+        const bool resolved =
+            shmem_ ? plugin_->get_receive_interfaces_cEA(plugin_, &more, &count, &own, 1) != 0 &&
+                         count == 1
+                   : plugin_->string_to_address_cEA(plugin_, &destination, address.c_str()) != 0;
+        if (shmem_) destination = own.address;
+        return resolved &&
                plugin_->create_sendresource_srEA(plugin_, &sender_, &destination, port, 0) != 0;
     }
     bool send(std::vector<char> &bytes) {
@@ -191,6 +210,9 @@ public:
             return false;
         if (!readPayload(received.buffer.pointer, received.buffer.length, payload))
             payload.kind = static_cast<Kind>(99);  // not perf's: not counted
+        // Shared memory lends the message in its segment.
+        if (received.loaned_buffer_param != nullptr)
+            plugin_->return_loaned_buffer_rEA(plugin_, &receiver_, &received, nullptr);
         return true;
     }
     void wake() { plugin_->unblock_receive_rrEA(plugin_, &receiver_, nullptr); }
@@ -205,8 +227,24 @@ public:
     }
 
 private:
+    // Shared memory has no port 0: the caller picks the port, which makes
+    // the segment's keys. Ports from the pid, a few tried; the refusals of
+    // ports in use are expected, so they are not shown.
+    bool listenShmem(VESK_Transport_Port_t &port) {
+        const LogCollector quiet;
+        const auto base = static_cast<VESK_Transport_Port_t>(20000 + getpid() % 20000);
+        for (VESK_Transport_Port_t attempt = 0; attempt < 16; ++attempt) {
+            port = base + attempt * 1009 % 20000;
+            if (plugin_->is_valid_entry_port(plugin_, port) != 0 &&
+                plugin_->create_recvresource_rrEA(plugin_, &receiver_, &port, nullptr, 0) != 0)
+                return true;
+        }
+        return false;
+    }
+
     std::unique_ptr<DDS_DomainParticipant, ParticipantDeleter> participant_;
     VESK_Transport_Plugin *plugin_ = nullptr;  // the participant's once installed
+    bool shmem_ = false;
     VESK_Transport_RecvResource_t receiver_ = nullptr;
     VESK_Transport_SendResource_t sender_ = nullptr;
 };
@@ -360,22 +398,41 @@ void printStatistics(std::ostream &out, const char *whose, const char *function,
     }
 }
 
+constexpr const char *NO_SHMEM_STATISTICS =
+    "statistics: none for the shared-memory class (the module keeps statistics of the UDP "
+    "classes only)";
+
 }  // namespace
 
-int runPerf(const TransportClass &transportClass, const PropertyList &list, const char *prefix,
-            const PerfOptions &options, const std::string &files, std::ostream &out) {
-    const UdpRecord record(transportClass, list.policy(), prefix);
-    const bool ipv6 = record.ipv6();
+int runPerf(const TransportClass &transportClass, const PropertyList &list,
+            const InspectOptions &with, const PerfOptions &options, const std::string &files,
+            std::ostream &out) {
+    // The UDP classes build plugins from their setup's record, shared memory
+    // with its factory (in loopback only: the caller sees to it).
+    const bool shmem = transportClass.kind == RecordKind::shmem;
+    std::optional<UdpRecord> record;
+    if (!shmem)
+        record.emplace(transportClass, list.policy(), with.prefix ? with.prefix->c_str() : nullptr);
+    const bool ipv6 = record && record->ipv6();
     const char *function = ipv6 ? "VESK_Transport_Support_get_udpv6_statistics"
                                 : "VESK_Transport_Support_get_udpv4_statistics";
-    const std::string loopback = ipv6 ? "::1" : "127.0.0.1";
+    const std::string loopback = shmem ? "shared memory" : ipv6 ? "::1" : "127.0.0.1";
     const bool hasSender = options.role != PerfOptions::Role::sub;
     const bool hasReceiver = options.role != PerfOptions::Role::pub;
     std::string error;
+    const auto newEndpoint = [&] {
+        return std::make_unique<Endpoint>(
+            shmem
+                ? VESK_Transport_Shmem_create(nullptr, list.policy(),
+                                              with.minimumVersion ? &*with.minimumVersion : nullptr)
+                : record->newPlugin(),
+            shmem, error);
+    };
     std::unique_ptr<Endpoint> sender, receiver;
-    if (!record.ok()) error = "the setup refuses the files (vesk-transport check tells why)";
-    if (error.empty() && hasSender) sender = std::make_unique<Endpoint>(record, error);
-    if (error.empty() && hasReceiver) receiver = std::make_unique<Endpoint>(record, error);
+    if (record && !record->ok())
+        error = "the setup refuses the files (vesk-transport check tells why)";
+    if (error.empty() && hasSender) sender = newEndpoint();
+    if (error.empty() && hasReceiver) receiver = newEndpoint();
     VESK_Transport_Port_t port = options.role == PerfOptions::Role::loopback
                                      ? 0
                                      : static_cast<VESK_Transport_Port_t>(options.port);
@@ -498,8 +555,8 @@ int runPerf(const TransportClass &transportClass, const PropertyList &list, cons
         const char *name;
         double fraction;
     } percentiles[] = {{"min", 0}, {"p50", 0.5}, {"p90", 0.9}, {"p99", 0.99}, {"max", 1}};
-    const Stats senderStatistics = sender ? sender->statistics(ipv6) : Stats{};
-    const Stats receiverStatistics = receiver ? receiver->statistics(ipv6) : Stats{};
+    const Stats senderStatistics = sender && !shmem ? sender->statistics(ipv6) : Stats{};
+    const Stats receiverStatistics = receiver && !shmem ? receiver->statistics(ipv6) : Stats{};
 
     if (options.json) {
         Json latency = nullptr;
@@ -507,9 +564,9 @@ int runPerf(const TransportClass &transportClass, const PropertyList &list, cons
             latency = Json::object();
             for (const auto &p : percentiles) latency[p.name] = percentile(trips, p.fraction);
         }
-        Json statistics = Json::object();
-        if (sender) statistics["sender"] = statisticsJson(senderStatistics);
-        if (receiver) statistics["receiver"] = statisticsJson(receiverStatistics);
+        Json statistics = shmem ? Json(nullptr) : Json::object();
+        if (sender && !shmem) statistics["sender"] = statisticsJson(senderStatistics);
+        if (receiver && !shmem) statistics["receiver"] = statisticsJson(receiverStatistics);
         out << Json{{"files", files},
                     {"class", transportClass.option},
                     {"role", roleText},
@@ -546,8 +603,9 @@ int runPerf(const TransportClass &transportClass, const PropertyList &list, cons
                 out << " " << p.name << " " << fixed(percentile(trips, p.fraction), 1);
             out << '\n';
         }
-        if (sender) printStatistics(out, "sending", function, senderStatistics);
-        if (receiver) printStatistics(out, "receiving", function, receiverStatistics);
+        if (shmem) out << NO_SHMEM_STATISTICS << '\n';
+        if (sender && !shmem) printStatistics(out, "sending", function, senderStatistics);
+        if (receiver && !shmem) printStatistics(out, "receiving", function, receiverStatistics);
     }
     return moved > 0 ? 0 : 1;
 }

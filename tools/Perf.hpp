@@ -1,9 +1,10 @@
 // vesk-transport perf: traffic through the transport that property files
 // configure, measured. In one process over loopback (two plugins from the
 // same files), or between two processes (a subscriber, and a publisher
-// given the subscriber's address). Each plugin is installed on a
+// given the subscriber's address). Each UDP plugin is installed on a
 // participant of its own, so that the statistics at the end are those the
-// module reads (VESK_Transport_Support_get_udpv4_statistics, ...).
+// module reads (VESK_Transport_Support_get_udpv4_statistics, ...). Shared
+// memory runs in one process only and has no statistics.
 #pragma once
 
 #include <ostream>
@@ -31,7 +32,8 @@ constexpr long PERF_MESSAGE_MIN = 72;
 
 // Exit code: 0 when traffic flowed, 1 when the transport could not be built
 // or nothing arrived; the usage errors are the caller's.
-int runPerf(const TransportClass &transportClass, const PropertyList &list, const char *prefix,
-            const PerfOptions &options, const std::string &files, std::ostream &out);
+int runPerf(const TransportClass &transportClass, const PropertyList &list,
+            const InspectOptions &with, const PerfOptions &options, const std::string &files,
+            std::ostream &out);
 
 }  // namespace vesk::tool

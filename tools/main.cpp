@@ -161,12 +161,15 @@ int doctor(const ListOptions &options, const DoctorOptions &doctorOptions) {
 int perf(const ListOptions &options, PerfOptions perfOptions, const std::string &role) {
     const TransportClass *transportClass = findClass(options.className);
     const InspectOptions inspectWith = inspectOptions(*transportClass, options);
-    if (transportClass->kind != RecordKind::udp) {
-        throw UsageError("perf runs over the UDP classes (udpv4, udpv4-wan, udpv6)");
-    }
     perfOptions.role = role == "pub"   ? PerfOptions::Role::pub
                        : role == "sub" ? PerfOptions::Role::sub
                                        : PerfOptions::Role::loopback;
+    if (transportClass->kind == RecordKind::shmem &&
+        perfOptions.role != PerfOptions::Role::loopback) {
+        throw UsageError(
+            "perf --class shmem runs in one process (--role loopback); --role pub and sub run over "
+            "the UDP classes (udpv4, udpv4-wan, udpv6)");
+    }
     if ((perfOptions.role == PerfOptions::Role::pub) == perfOptions.peer.empty()) {
         throw UsageError("--peer ADDRESS goes with --role pub, and only with it");
     }
@@ -194,9 +197,7 @@ int perf(const ListOptions &options, PerfOptions perfOptions, const std::string 
     for (const std::string &file : options.files) files += (files.empty() ? "" : ", ") + file;
     // The transport's own messages while traffic runs, after the results.
     LogCollector collector;
-    const int code =
-        runPerf(*transportClass, list, inspectWith.prefix ? inspectWith.prefix->c_str() : nullptr,
-                perfOptions, files, std::cout);
+    const int code = runPerf(*transportClass, list, inspectWith, perfOptions, files, std::cout);
     printMessages(std::cerr, collector.take(), options.verbose);
     return code;
 }
