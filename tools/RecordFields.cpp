@@ -80,7 +80,7 @@ Json commPortsJson(const VESK_Transport_UDP_WAN_CommPortsMappingInfo *list, KEL_
 }
 
 template <typename Full>
-struct FieldSpec {
+struct FieldRow {
     std::string path;
     std::vector<std::string> names;
     std::function<Json(const Full &)> read;
@@ -89,7 +89,7 @@ struct FieldSpec {
 };
 
 template <typename Full>
-class SpecBuilder {
+class FieldRowBuilder {
 public:
     // Adds the field(s) that row sets; part gives the row's record within
     // the full record.
@@ -120,20 +120,20 @@ public:
         add_(path, {}, std::move(read), nullptr);
     }
 
-    std::vector<FieldSpec<Full>> take() { return std::move(specs_); }
+    std::vector<FieldRow<Full>> take() { return std::move(rows_); }
 
 private:
     void add_(const std::string &path, const std::vector<std::string> &names,
               std::function<Json(const Full &)> read, std::function<bool(const Full &)> namesRead) {
         // Several properties may set one field (the shared-memory address).
-        auto same = std::find_if(
-            specs_.begin(), specs_.end(),
-            [&](const FieldSpec<Full> &fieldEntry) { return fieldEntry.path == path; });
-        if (same != specs_.end()) {
+        auto same = std::find_if(rows_.begin(), rows_.end(), [&](const FieldRow<Full> &fieldEntry) {
+            return fieldEntry.path == path;
+        });
+        if (same != rows_.end()) {
             same->names.insert(same->names.end(), names.begin(), names.end());
             return;
         }
-        specs_.push_back({path, names, std::move(read), std::move(namesRead)});
+        rows_.push_back({path, names, std::move(read), std::move(namesRead)});
     }
 
     template <typename Record>
@@ -209,17 +209,17 @@ private:
         }
     }
 
-    std::vector<FieldSpec<Full>> specs_;
+    std::vector<FieldRow<Full>> rows_;
 };
 
 template <typename Full>
-void addGenericFields(SpecBuilder<Full> &builder) {
+void addGenericFields(FieldRowBuilder<Full> &builder) {
     const auto parent = [](const Full &full) -> const Generic & { return full.parent; };
     for (const vt::GenericRow &row : vt::GENERIC_ROWS) builder.addRow(row, parent, "parent.");
 }
 
 template <typename Full>
-void addParticipantFields(SpecBuilder<Full> &builder) {
+void addParticipantFields(FieldRowBuilder<Full> &builder) {
     // Set by the participant that installs the transport, never by a property.
     builder.addOther("parent.domain_participant_ptr",
                      [](const Full &r) { return pointerJson(r.parent.domain_participant_ptr); });
@@ -228,9 +228,9 @@ void addParticipantFields(SpecBuilder<Full> &builder) {
     });
 }
 
-const std::vector<FieldSpec<Udp>> &udpSpecs() {
-    static const std::vector<FieldSpec<Udp>> specs = [] {
-        SpecBuilder<Udp> builder;
+const std::vector<FieldRow<Udp>> &udpRows() {
+    static const std::vector<FieldRow<Udp>> rows = [] {
+        FieldRowBuilder<Udp> builder;
         addGenericFields(builder);
         const auto self = [](const Udp &full) -> const Udp & { return full; };
         for (const vt::UdpRow &row : vt::UDP_ROWS) builder.addRow(row, self, "");
@@ -241,12 +241,12 @@ const std::vector<FieldSpec<Udp>> &udpSpecs() {
                          [](const Udp &r) { return guidPrefixJson(r.guid_prefix_to_drop); });
         return builder.take();
     }();
-    return specs;
+    return rows;
 }
 
-const std::vector<FieldSpec<Shmem>> &shmemSpecs() {
-    static const std::vector<FieldSpec<Shmem>> specs = [] {
-        SpecBuilder<Shmem> builder;
+const std::vector<FieldRow<Shmem>> &shmemRows() {
+    static const std::vector<FieldRow<Shmem>> rows = [] {
+        FieldRowBuilder<Shmem> builder;
         addGenericFields(builder);
         const auto self = [](const Shmem &full) -> const Shmem & { return full; };
         for (const vt::ShmemRow &row : vt::SHMEM_SETTING_ROWS) builder.addRow(row, self, "");
@@ -256,14 +256,14 @@ const std::vector<FieldSpec<Shmem>> &shmemSpecs() {
         builder.addOther("majorVersion", [](const Shmem &r) { return Json(r.majorVersion); });
         return builder.take();
     }();
-    return specs;
+    return rows;
 }
 
 template <typename Full>
-std::vector<FieldValue> read(const std::vector<FieldSpec<Full>> &specs, const Full &record) {
+std::vector<FieldValue> read(const std::vector<FieldRow<Full>> &rows, const Full &record) {
     std::vector<FieldValue> out;
-    out.reserve(specs.size());
-    for (const FieldSpec<Full> &fieldEntry : specs) {
+    out.reserve(rows.size());
+    for (const FieldRow<Full> &fieldEntry : rows) {
         out.push_back({fieldEntry.path, fieldEntry.names,
                        !fieldEntry.namesRead || fieldEntry.namesRead(record),
                        fieldEntry.read(record)});
@@ -317,11 +317,11 @@ std::vector<PropertyDescription> propertiesRead(RecordKind kind) {
 }
 
 std::vector<FieldValue> readFields(const VESK_Transport_UDP_Property_t &record) {
-    return read(udpSpecs(), record);
+    return read(udpRows(), record);
 }
 
 std::vector<FieldValue> readFields(const VESK_Transport_Shmem_Property_t &record) {
-    return read(shmemSpecs(), record);
+    return read(shmemRows(), record);
 }
 
 std::vector<FieldValue> defaultFields(const TransportClass &transportClass) {

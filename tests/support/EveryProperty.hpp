@@ -16,12 +16,12 @@ namespace vesk::test {
 enum class Class { udpv4, udpv4Wan, udpv6, shmem };
 
 // "name=value;name=value" as pairs (a value ends at the next ';').
-inline std::vector<std::pair<std::string, std::string>> pairs(const std::string &spec) {
+inline std::vector<std::pair<std::string, std::string>> pairs(const std::string &text) {
     std::vector<std::pair<std::string, std::string>> out;
-    for (size_t start = 0; start < spec.size();) {
-        size_t end = spec.find(';', start);
-        if (end == std::string::npos) end = spec.size();
-        const std::string item = spec.substr(start, end - start);
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find(';', start);
+        if (end == std::string::npos) end = text.size();
+        const std::string item = text.substr(start, end - start);
         const size_t equals = item.find('=');
         out.emplace_back(item.substr(0, equals),
                          equals == std::string::npos ? "" : item.substr(equals + 1));

@@ -26,8 +26,8 @@ public:
         for (const auto &[name, value] : properties) add(name, value);
     }
     // From "name=value;name=value"; prefix + '.' before each name if given.
-    explicit PropertyList(const std::string &spec, const std::string &prefix = "") {
-        for (const auto &[name, value] : pairs(spec)) add(prefix, name, value);
+    explicit PropertyList(const std::string &text, const std::string &prefix = "") {
+        for (const auto &[name, value] : pairs(text)) add(prefix, name, value);
     }
     ~PropertyList() { DDS_PropertyQosPolicy_finalize(&policy_); }
     PropertyList(const PropertyList &) = delete;

@@ -392,23 +392,23 @@ static int shmemCreateRecvResource(VESK_Transport_Plugin *self,
     }
     RecvResource *resource = allocate<RecvResource>();
     if (resource == nullptr) return fail(function, "out of memory");
-    SegmentSpec spec{};
-    spec.format = static_cast<std::uint16_t>(p.majorVersion);
-    spec.port = port;
-    spec.segment_key = keyOf(p.segmentKeyOffset, p.segmentKeyFactor, port);
-    spec.semaphore_key = keyOf(p.semaphoreKeyOffset, p.semaphoreKeyFactor, port);
-    spec.mutex_key = keyOf(p.mutexKeyOffset, p.mutexKeyFactor, port);
-    spec.slot_count = static_cast<std::uint32_t>(p.received_message_count_max);
-    spec.data_size = static_cast<std::uint32_t>(p.receive_buffer_size);
-    spec.message_size_max = static_cast<std::uint32_t>(p.parent.message_size_max);
-    std::memcpy(spec.shmem_uuid, p.shmemUUID.network_ordered_value, 16);
+    SegmentLayout layout{};
+    layout.format = static_cast<std::uint16_t>(p.majorVersion);
+    layout.port = port;
+    layout.segment_key = keyOf(p.segmentKeyOffset, p.segmentKeyFactor, port);
+    layout.semaphore_key = keyOf(p.semaphoreKeyOffset, p.semaphoreKeyFactor, port);
+    layout.mutex_key = keyOf(p.mutexKeyOffset, p.mutexKeyFactor, port);
+    layout.slot_count = static_cast<std::uint32_t>(p.received_message_count_max);
+    layout.data_size = static_cast<std::uint32_t>(p.receive_buffer_size);
+    layout.message_size_max = static_cast<std::uint32_t>(p.parent.message_size_max);
+    std::memcpy(layout.shmem_uuid, p.shmemUUID.network_ordered_value, 16);
     std::string reason;
-    if (!createSegment(spec, resource->mapping, reason)) {
+    if (!createSegment(layout, resource->mapping, reason)) {
         release(resource);
         return fail(function, "%s", reason.c_str());
     }
     resource->port = port;
-    resource->key = spec.segment_key;
+    resource->key = layout.segment_key;
     {
         std::lock_guard guard(plugin->resources);
         resource->next = plugin->receivers;

@@ -134,23 +134,23 @@ std::size_t segmentSize(std::uint32_t slot_count, std::uint32_t data_size) {
     return kHeaderSize + std::size_t{slot_count} * sizeof(Descriptor) + data_size;
 }
 
-bool createSegment(const SegmentSpec &spec, Mapping &out, std::string &reason) {
-    const std::string name = segmentName(spec.segment_key);
+bool createSegment(const SegmentLayout &layout, Mapping &out, std::string &reason) {
+    const std::string name = segmentName(layout.segment_key);
     int fd = -1;
     for (int round = 0; fd < 0; ++round) {
         if (round == 8) {
             reason = format("cannot create %s for port %u: it keeps reappearing", name.c_str(),
-                            spec.port);
+                            layout.port);
             return false;
         }
         fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd >= 0) break;
         if (errno != EEXIST) {
-            reason = format("cannot create %s for port %u: %s", name.c_str(), spec.port,
+            reason = format("cannot create %s for port %u: %s", name.c_str(), layout.port,
                             errnoText(errno).c_str());
             return false;
         }
-        switch (takeOver(name, spec.port, reason)) {
+        switch (takeOver(name, layout.port, reason)) {
             case Takeover::busy:
             case Takeover::failed:
                 return false;
@@ -161,29 +161,29 @@ bool createSegment(const SegmentSpec &spec, Mapping &out, std::string &reason) {
                 break;
         }
     }
-    const std::size_t size = segmentSize(spec.slot_count, spec.data_size);
+    const std::size_t size = segmentSize(layout.slot_count, layout.data_size);
     void *map = MAP_FAILED;
     // A taker holds the lock only while it looks at an unsized segment.
     if (flock(fd, LOCK_EX) != 0 || ftruncate(fd, static_cast<off_t>(size)) != 0 ||
         (map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)) == MAP_FAILED) {
         reason = format("cannot size or map %s (%zu bytes) for port %u: %s", name.c_str(), size,
-                        spec.port, errnoText(errno).c_str());
+                        layout.port, errnoText(errno).c_str());
         shm_unlink(name.c_str());
         close(fd);
         return false;
     }
     auto *header = static_cast<Header *>(map);
-    header->format = spec.format;
+    header->format = layout.format;
     header->creator_pid = getpid();
     header->creator_start_time = processStartTime(getpid());
-    if (spec.format >= 4) std::memcpy(header->shmem_uuid, spec.shmem_uuid, 16);
-    header->port = spec.port;
-    header->segment_key = spec.segment_key;
-    header->semaphore_key = spec.semaphore_key;
-    header->mutex_key = spec.mutex_key;
-    header->slot_count = spec.slot_count;
-    header->data_size = spec.data_size;
-    header->message_size_max = spec.message_size_max;
+    if (layout.format >= 4) std::memcpy(header->shmem_uuid, layout.shmem_uuid, 16);
+    header->port = layout.port;
+    header->segment_key = layout.segment_key;
+    header->semaphore_key = layout.semaphore_key;
+    header->mutex_key = layout.mutex_key;
+    header->slot_count = layout.slot_count;
+    header->data_size = layout.data_size;
+    header->message_size_max = layout.message_size_max;
     if (!initialiseLock(*header)) {
         reason = format("cannot initialise the lock of %s", name.c_str());
         munmap(map, size);

@@ -92,7 +92,7 @@ inline unsigned char *dataArea(Header *header) {
 }
 
 // What a receiver asks for.
-struct SegmentSpec {
+struct SegmentLayout {
     std::uint16_t format;
     std::uint32_t port;
     std::int32_t segment_key, semaphore_key, mutex_key;
@@ -108,10 +108,10 @@ struct Mapping {
     int fd = -1;
 };
 
-// Creates the segment of spec.port, taking over one whose owner is gone.
+// Creates the segment of layout.port, taking over one whose owner is gone.
 // On failure returns false and writes the reason into `reason` (nothing
 // left open or mapped).
-bool createSegment(const SegmentSpec &spec, Mapping &out, std::string &reason);
+bool createSegment(const SegmentLayout &layout, Mapping &out, std::string &reason);
 
 // Marks closed, removes the name, unmaps and closes.
 void destroySegment(Mapping &mapping, std::int32_t segment_key);
