@@ -328,19 +328,25 @@ private:
     Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);
 };
 
+Clock::duration seconds(double count) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(count));
+}
+
+// Holds a sender to its rate (0: no limit): message n leaves n / rate
+// seconds after the start.
+void pace(Clock::time_point start, std::uint64_t sequence, double rate) {
+    if (rate > 0)
+        std::this_thread::sleep_until(start + seconds(static_cast<double>(sequence) / rate));
+}
+
 // Sends data messages for the duration at the rate, then waits a moment
 // for the last ones.
 void sendFor(Endpoint &sender, const PerfOptions &options, Tally &tally, Progress &progress) {
     std::vector<char> bytes = message(options.size);
     const Clock::time_point start = Clock::now();
-    const auto end = start + std::chrono::duration_cast<Clock::duration>(
-                                 std::chrono::duration<double>(options.duration));
+    const auto end = start + seconds(options.duration);
     for (std::uint64_t sequence = 0; Clock::now() < end; ++sequence) {
-        if (options.rate > 0) {
-            std::this_thread::sleep_until(
-                start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                            static_cast<double>(sequence) / options.rate)));
-        }
+        pace(start, sequence, options.rate);
         writePayload(bytes, {Kind::data, sequence, nowNs()});
         if (sender.send(bytes)) tally.sent.fetch_add(1);
         progress.update(tally, start);
@@ -351,14 +357,9 @@ void pingPong(Endpoint &pinger, const PerfOptions &options, Tally &tally, Progre
               std::mutex &mutex, std::condition_variable &answered) {
     std::vector<char> bytes = message(options.size);
     const Clock::time_point start = Clock::now();
-    const auto end = start + std::chrono::duration_cast<Clock::duration>(
-                                 std::chrono::duration<double>(options.duration));
+    const auto end = start + seconds(options.duration);
     for (std::uint64_t sequence = 0; Clock::now() < end; ++sequence) {
-        if (options.rate > 0) {
-            std::this_thread::sleep_until(
-                start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                            static_cast<double>(sequence) / options.rate)));
-        }
+        pace(start, sequence, options.rate);
         const long before = tally.received.load();
         writePayload(bytes, {Kind::ping, sequence, nowNs()});
         if (!pinger.send(bytes)) continue;
@@ -521,8 +522,7 @@ int runPerf(const TransportClass &transportClass, const PropertyList &list,
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
             }
         } else if (options.role == PerfOptions::Role::sub) {
-            const auto deadline = start + std::chrono::duration_cast<Clock::duration>(
-                                              std::chrono::duration<double>(options.duration));
+            const auto deadline = start + seconds(options.duration);
             while (Clock::now() < deadline && tally.endTotal.load() < 0) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
                 progress.update(tally, start);

@@ -431,24 +431,31 @@ static void shmemDestroyRecvResource(VESK_Transport_Plugin *self,
     if (found) destroyReceiver(resource);
 }
 
+// Share and unshare differ only in the direction of the count.
+static int shareReceiver(VESK_Transport_Plugin *self,
+                         const VESK_Transport_RecvResource_t *recvresource_in,
+                         const VESK_Transport_Address_t *multicast_address_in,
+                         VESK_Transport_Port_t receive_port_in, bool more, const char *function) {
+    if (shmemPlugin(self) == nullptr || recvresource_in == nullptr) return 0;
+    auto *resource = static_cast<RecvResource *>(*recvresource_in);
+    return share(resource, resource->port == receive_port_in && isNoAddress(multicast_address_in),
+                 more, function);
+}
+
 static int shmemShareRecvResource(VESK_Transport_Plugin *self,
                                   const VESK_Transport_RecvResource_t *recvresource_in,
                                   const VESK_Transport_Address_t *multicast_address_in,
                                   VESK_Transport_Port_t receive_port_in, KEL_INT32) {
-    if (shmemPlugin(self) == nullptr || recvresource_in == nullptr) return 0;
-    auto *resource = static_cast<RecvResource *>(*recvresource_in);
-    return share(resource, resource->port == receive_port_in && isNoAddress(multicast_address_in),
-                 true, "share_recvresource_rrEA");
+    return shareReceiver(self, recvresource_in, multicast_address_in, receive_port_in, true,
+                         "share_recvresource_rrEA");
 }
 
 static int shmemUnshareRecvResource(VESK_Transport_Plugin *self,
                                     const VESK_Transport_RecvResource_t *recvresource_in,
                                     const VESK_Transport_Address_t *multicast_address_in,
                                     VESK_Transport_Port_t receive_port_in) {
-    if (shmemPlugin(self) == nullptr || recvresource_in == nullptr) return 0;
-    auto *resource = static_cast<RecvResource *>(*recvresource_in);
-    return share(resource, resource->port == receive_port_in && isNoAddress(multicast_address_in),
-                 false, "unshare_recvresource_rrEA");
+    return shareReceiver(self, recvresource_in, multicast_address_in, receive_port_in, false,
+                         "unshare_recvresource_rrEA");
 }
 
 static int shmemCreateSendResource(VESK_Transport_Plugin *self,
@@ -500,30 +507,33 @@ static void shmemDestroySendResource(VESK_Transport_Plugin *self,
     release(resource);
 }
 
-static int shmemShareSendResource(VESK_Transport_Plugin *self,
-                                  const VESK_Transport_SendResource_t *sendresource_in,
-                                  const VESK_Transport_Address_t *dest_address_in,
-                                  VESK_Transport_Port_t dest_port_in, KEL_INT32) {
+static int shareSender(VESK_Transport_Plugin *self,
+                       const VESK_Transport_SendResource_t *sendresource_in,
+                       const VESK_Transport_Address_t *dest_address_in,
+                       VESK_Transport_Port_t dest_port_in, bool more, const char *function) {
     if (shmemPlugin(self) == nullptr || sendresource_in == nullptr || dest_address_in == nullptr) {
         return 0;
     }
     auto *resource = static_cast<SendResource *>(*sendresource_in);
     return share(resource,
                  resource->port == dest_port_in && sameAddress(resource->address, *dest_address_in),
-                 true, "share_sendresource_srEA");
+                 more, function);
+}
+
+static int shmemShareSendResource(VESK_Transport_Plugin *self,
+                                  const VESK_Transport_SendResource_t *sendresource_in,
+                                  const VESK_Transport_Address_t *dest_address_in,
+                                  VESK_Transport_Port_t dest_port_in, KEL_INT32) {
+    return shareSender(self, sendresource_in, dest_address_in, dest_port_in, true,
+                       "share_sendresource_srEA");
 }
 
 static int shmemUnshareSendResource(VESK_Transport_Plugin *self,
                                     const VESK_Transport_SendResource_t *sendresource_in,
                                     const VESK_Transport_Address_t *dest_address_in,
                                     VESK_Transport_Port_t dest_port_in, KEL_INT32) {
-    if (shmemPlugin(self) == nullptr || sendresource_in == nullptr || dest_address_in == nullptr) {
-        return 0;
-    }
-    auto *resource = static_cast<SendResource *>(*sendresource_in);
-    return share(resource,
-                 resource->port == dest_port_in && sameAddress(resource->address, *dest_address_in),
-                 false, "unshare_sendresource_srEA");
+    return shareSender(self, sendresource_in, dest_address_in, dest_port_in, false,
+                       "unshare_sendresource_srEA");
 }
 
 // Points the resource at another port's segment (same host only).

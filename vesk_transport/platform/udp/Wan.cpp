@@ -144,6 +144,22 @@ PingError decodePing(std::span<const std::uint8_t> datagram, PingMessage &messag
     return PingError::None;
 }
 
+namespace {
+
+// Adds entry to a table of at most capacity entries; a full table gives up
+// the entry seen least recently.
+template <typename Entry>
+void insertReplacingOldest(std::vector<Entry> &entries, std::size_t capacity, Entry entry) {
+    if (entries.size() < capacity) {
+        entries.push_back(entry);
+        return;
+    }
+    *std::min_element(entries.begin(), entries.end(),
+                      [](const Entry &a, const Entry &b) { return a.last_ms < b.last_ms; }) = entry;
+}
+
+}  // namespace
+
 bool PeerTable::touch(const PeerKey &peer, std::uint64_t now_ms) {
     for (Entry &entry : entries_) {
         if (entry.peer == peer) {
@@ -152,14 +168,7 @@ bool PeerTable::touch(const PeerKey &peer, std::uint64_t now_ms) {
         }
     }
     if (capacity_ == 0) return true;
-    if (entries_.size() >= capacity_) {
-        auto oldest =
-            std::min_element(entries_.begin(), entries_.end(),
-                             [](const Entry &a, const Entry &b) { return a.last_ms < b.last_ms; });
-        *oldest = {peer, now_ms};
-        return true;
-    }
-    entries_.push_back({peer, now_ms});
+    insertReplacingOldest(entries_, capacity_, Entry{peer, now_ms});
     return true;
 }
 
@@ -183,14 +192,7 @@ bool WarningLimiter::allow(std::uint32_t source_ipv4, std::uint64_t now_ms) {
         return true;
     }
     if (capacity_ == 0) return true;
-    if (entries_.size() >= capacity_) {
-        auto oldest =
-            std::min_element(entries_.begin(), entries_.end(),
-                             [](const Entry &a, const Entry &b) { return a.last_ms < b.last_ms; });
-        *oldest = {source_ipv4, now_ms};
-        return true;
-    }
-    entries_.push_back({source_ipv4, now_ms});
+    insertReplacingOldest(entries_, capacity_, Entry{source_ipv4, now_ms});
     return true;
 }
 
