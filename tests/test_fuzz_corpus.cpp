@@ -35,7 +35,7 @@ const Target TARGETS[] = {
 };
 
 fs::path corpusRoot() {
-    return fs::path(__FILE__).parent_path().parent_path() / "fuzz" / "corpus";
+    return fs::path(VESK_SOURCE_DIR) / "fuzz" / "corpus";
 }
 
 std::vector<std::uint8_t> readFile(const fs::path &path) {
