@@ -10,9 +10,10 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
-#include "support/AllocationSweep.hpp"
 #include "support/SetupChecks.hpp"
 #include "vesk_transport/Support.h"
 
@@ -21,6 +22,8 @@ namespace {
 using namespace vesk::test;
 using Flags = VESK_Transport_internalMemoryAllocations;
 using Mapping = VESK_Transport_UDP_WAN_CommPortsMappingInfo;
+using Lines = std::vector<std::string>;
+using Outcome = std::pair<int, Lines>;  // a result and the log lines
 
 constexpr const char *PREFIX = "dds.transport.UDPv4.builtin";
 constexpr VESK_Transport_ClassId_t WAN = 0x01000001;
@@ -40,18 +43,16 @@ const UdpClass CLASSES[] = {
     {5, &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT, nullptr},
     {UNKNOWN_CLASS, &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, nullptr},
 };
+const UdpClass &WAN_CLASS = CLASSES[1];
 
-int runSetup(const UdpClass &udpClass, UdpRecord &run, const PropertyList &properties,
-             const char *prefix) {
-    if (udpClass.wrapper != nullptr) {
-        return udpClass.wrapper(&run.record, &run.allocations, properties.get(), prefix);
-    }
-    return run.setup(properties, prefix, udpClass.classid);
-}
-
-int setupWan(UdpRecord &run, const PropertyList &properties) {
-    return VESK_Transport_setupUDPv4WanProperty(&run.record, &run.allocations, properties.get(),
-                                                PREFIX);
+Outcome setup(const UdpClass &udpClass, UdpRecord &run, const PropertyList &properties,
+              const char *prefix = PREFIX) {
+    LogCapture log;
+    const int result =
+        udpClass.wrapper != nullptr
+            ? udpClass.wrapper(&run.record, &run.allocations, properties.get(), prefix)
+            : run.setup(properties, prefix, udpClass.classid);
+    return {result, describeAll(log)};
 }
 
 VESK_Transport_UDP_WAN_Listener g_listener{};
@@ -73,6 +74,9 @@ std::string unknown(const char *name, KEL_UINT32 level = KEL_LOG_BIT_ERROR) {
 }
 std::string inconsistent(const char *prefix) {
     return error(UDP_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix});
+}
+std::string notJson(const std::string &value) {
+    return error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", value});
 }
 
 // The thirty properties in the order in which they are read: a good value
@@ -131,37 +135,33 @@ std::string badMessage(const Row &row) {
     if (suffix.find("socket_buffer_size") != std::string::npos)
         return failedToParse(suffix, row.bad);
     if (suffix == "comm_ports") return portRange(row.bad);
-    // The value is not part of this message.
-    if (suffix == "binding_ping_mapping_expiration") {
+    if (suffix == "binding_ping_mapping_expiration") {  // without the value
         return error(UDP_SETUP, "KEL_LOG_FAILED_TO_CONVERT_TEMPLATE",
                      {"'binding_ping_mapping_expiration' value"}, "'%s' value");
     }
     return parser(suffix, row.bad);
 }
 
+// No UDP property keeps every default; each good value sets its field.
 TEST(UdpSetup, EachGoodValueSetsItsFieldForEveryClass) {
     for (const UdpClass &udpClass : CLASSES) {
         SCOPED_TRACE(udpClass.classid);
         const Udp before = withDefaultThreadName(*udpClass.defaults);
-        {  // No UDP property: every default stays.
-            PropertyList properties;
-            properties.add(PREFIX, "misspelt_send_blocking", "0").add("send_blocking", "0");
-            LogCapture log;
+        {
+            PropertyList properties("send_blocking=0");  // bare: not read
+            properties.add(PREFIX, "misspelt_send_blocking", "0");
             UdpRecord run(*udpClass.defaults);
-            EXPECT_EQ(0, runSetup(udpClass, run, properties, PREFIX));
+            EXPECT_EQ(Outcome(0, {}), setup(udpClass, run, properties));
             EXPECT_EQ(Rendered{}, changes(before, run.record));
-            EXPECT_TRUE(log.entries().empty());
         }
         for (const Row &row : ROWS) {
             SCOPED_TRACE(row.suffix);
-            PropertyList properties;
-            properties.add(PREFIX, row.suffix, row.good);
-            LogCapture log;
             UdpRecord run(*udpClass.defaults);
-            EXPECT_EQ(1, runSetup(udpClass, run, properties, PREFIX));
+            EXPECT_EQ(Outcome(1, {}),
+                      setup(udpClass, run,
+                            PropertyList(std::string(row.suffix) + "=" + row.good, PREFIX)));
             EXPECT_EQ(with(render(before), goodChanges(row)), render(run.record));
             EXPECT_EQ(goodFlags(row), renderFlags(run.allocations));
-            EXPECT_TRUE(log.entries().empty());
         }
     }
 }
@@ -179,10 +179,8 @@ TEST(UdpSetup, EachBadValueFailsWithItsMessageAndStopsTheSetup) {
             properties.add(PREFIX, row.suffix, row.bad);
             if (i > 0) properties.add(PREFIX, ROWS[i - 1].suffix, ROWS[i - 1].good);
             if (i + 1 < ROWS.size()) properties.add(PREFIX, ROWS[i + 1].suffix, ROWS[i + 1].good);
-            LogCapture log;
             UdpRecord run(*udpClass.defaults);
-            EXPECT_EQ(-1, runSetup(udpClass, run, properties, PREFIX));
-            EXPECT_EQ(std::vector<std::string>{badMessage(row)}, describeAll(log));
+            EXPECT_EQ(Outcome(-1, {badMessage(row)}), setup(udpClass, run, properties));
             const Udp before = withDefaultThreadName(*udpClass.defaults);
             Rendered expected = render(before);
             // A failed setup hands back no port list; its flag stays set.
@@ -191,8 +189,7 @@ TEST(UdpSetup, EachBadValueFailsWithItsMessageAndStopsTheSetup) {
             }
             // What a failed conversion leaves in its own field is open.
             const std::string own = goodChanges(row)[0].first;
-            Rendered actual = with(render(run.record), {{own, field(before, own)}});
-            EXPECT_EQ(expected, actual);
+            EXPECT_EQ(expected, with(render(run.record), {{own, field(before, own)}}));
             EXPECT_EQ(i > 0 ? goodFlags(ROWS[i - 1]) : "0,0,0,0,0,0", renderFlags(run.allocations));
         }
     }
@@ -202,7 +199,7 @@ TEST(UdpSetup, SocketBufferKeywordsIgnoreCaseAndTheIpVersion) {
     struct Keyword {
         const char *text;
         KEL_INT32 value;
-        const char *accepted;  // "s": send, "r": receive
+        const char *accepted;  // by "s": send, "r": receive
     };
     const std::vector<Keyword> keywords = {
         {"VESK_TRANSPORT_UDPV4_SEND_SOCKET_BUFFER_SIZE_DEFAULT", 2097152, "s"},
@@ -219,28 +216,24 @@ TEST(UdpSetup, SocketBufferKeywordsIgnoreCaseAndTheIpVersion) {
     for (const UdpClass &udpClass : CLASSES) {
         for (const Keyword &keyword : keywords) {
             std::string lower = keyword.text, mixed = keyword.text;
-            for (char &c : lower)
-                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            for (char &c : lower) c = static_cast<char>(std::tolower(c));
             for (size_t i = 0; i < mixed.size(); i += 2) mixed[i] = lower[i];
             for (const std::string &text : {std::string(keyword.text), lower, mixed}) {
                 for (const char *suffix : {"send_socket_buffer_size", "recv_socket_buffer_size"}) {
                     SCOPED_TRACE(std::to_string(udpClass.classid) + " " + suffix + " = " + text);
                     PropertyList properties;
                     properties.add(PREFIX, suffix, text);
-                    LogCapture log;
                     UdpRecord run(*udpClass.defaults);
-                    const int result = runSetup(udpClass, run, properties, PREFIX);
                     const bool send = suffix[0] == 's';
-                    if (std::strchr(keyword.accepted, send ? 's' : 'r') != nullptr) {
-                        EXPECT_EQ(1, result);
-                        EXPECT_EQ(keyword.value, send ? run.record.send_socket_buffer_size
-                                                      : run.record.recv_socket_buffer_size);
-                        EXPECT_TRUE(log.entries().empty());
-                    } else {  // a keyword of the other direction is not one here
-                        EXPECT_EQ(-1, result);
-                        EXPECT_EQ(std::vector<std::string>{failedToParse(suffix, text)},
-                                  describeAll(log));
+                    // A keyword of the other direction is not one here.
+                    if (std::strchr(keyword.accepted, suffix[0]) == nullptr) {
+                        EXPECT_EQ(Outcome(-1, {failedToParse(suffix, text)}),
+                                  setup(udpClass, run, properties));
+                        continue;
                     }
+                    EXPECT_EQ(Outcome(1, {}), setup(udpClass, run, properties));
+                    EXPECT_EQ(keyword.value, send ? run.record.send_socket_buffer_size
+                                                  : run.record.recv_socket_buffer_size);
                 }
             }
         }
@@ -248,48 +241,38 @@ TEST(UdpSetup, SocketBufferKeywordsIgnoreCaseAndTheIpVersion) {
 }
 
 TEST(UdpSetup, SendBlockingKeywordsAreExactAndSomeBelongToOneFamily) {
-    struct Keyword {
-        const char *text;
-        KEL_INT32 value;
-        std::set<VESK_Transport_ClassId_t> classes;  // empty: every class
-    };
-    const std::set<VESK_Transport_ClassId_t> none = {0};
-    const std::vector<Keyword> keywords = {
-        {"TRANSPORT_BLOCKING_ALWAYS", 1, {}},
-        {"VESK_TRANSPORT_UDP_BLOCKING_ALWAYS", 1, {}},
-        {"1", 1, {}},
-        {"TRANSPORT_BLOCKING_NEVER", 0, {}},
-        {"VESK_TRANSPORT_UDP_BLOCKING_NEVER", 0, {}},
-        {"0", 0, {}},
-        {"VESK_TRANSPORT_UDPV4_BLOCKING_ALWAYS", 1, {1, WAN}},
-        {"VESK_TRANSPORT_UDPV4_BLOCKING_NEVER", 0, {1, WAN}},
-        {"VESK_TRANSPORT_UDPV6_BLOCKING_ALWAYS", 1, {2}},
-        {"VESK_TRANSPORT_UDPV6_BLOCKING_NEVER", 0, {2}},  // not for class id 5
-        {"transport_blocking_always", 0, none},
-        {"vesk_transport_udpv6_blocking_never", 0, none},
-        {"VESK_TRANSPORT_UDPV4_BLOCKING_NEVER_", 0, none},
-        {"false", 0, none},
-        {"2", 0, none},
-        {" 1", 0, none},
-    };
+    const std::set<VESK_Transport_ClassId_t> ALL = {1, WAN, 2, 5, UNKNOWN_CLASS}, NONE = {};
+    const std::vector<std::tuple<const char *, KEL_INT32, std::set<VESK_Transport_ClassId_t>>>
+        keywords = {
+            // text, stored value, the classes that accept it
+            {"TRANSPORT_BLOCKING_ALWAYS", 1, ALL},
+            {"VESK_TRANSPORT_UDP_BLOCKING_ALWAYS", 1, ALL},
+            {"1", 1, ALL},
+            {"TRANSPORT_BLOCKING_NEVER", 0, ALL},
+            {"VESK_TRANSPORT_UDP_BLOCKING_NEVER", 0, ALL},
+            {"0", 0, ALL},
+            {"VESK_TRANSPORT_UDPV4_BLOCKING_ALWAYS", 1, {1, WAN}},
+            {"VESK_TRANSPORT_UDPV4_BLOCKING_NEVER", 0, {1, WAN}},
+            {"VESK_TRANSPORT_UDPV6_BLOCKING_ALWAYS", 1, {2}},
+            {"VESK_TRANSPORT_UDPV6_BLOCKING_NEVER", 0, {2}},  // not for class id 5
+            {"transport_blocking_always", 0, NONE},
+            {"vesk_transport_udpv6_blocking_never", 0, NONE},
+            {"VESK_TRANSPORT_UDPV4_BLOCKING_NEVER_", 0, NONE},
+            {"false", 0, NONE},
+            {"2", 0, NONE},
+            {" 1", 0, NONE},
+        };
     for (const UdpClass &udpClass : CLASSES) {
-        for (const Keyword &keyword : keywords) {
-            SCOPED_TRACE(std::to_string(udpClass.classid) + " send_blocking = '" + keyword.text +
-                         "'");
-            const bool accepted =
-                keyword.classes.empty() || keyword.classes.count(udpClass.classid);
+        for (const auto &[text, value, classes] : keywords) {
+            SCOPED_TRACE(std::to_string(udpClass.classid) + " send_blocking = '" + text + "'");
+            const bool accepted = classes.count(udpClass.classid) != 0;
             for (KEL_INT32 before : {0, 1}) {  // so that every accepted keyword shows
-                PropertyList properties;
-                properties.add(PREFIX, "send_blocking", keyword.text);
-                LogCapture log;
                 UdpRecord run(*udpClass.defaults);
                 run.record.send_blocking = before;
-                EXPECT_EQ(accepted ? 1 : -1, runSetup(udpClass, run, properties, PREFIX));
-                EXPECT_EQ(accepted ? keyword.value : before, run.record.send_blocking);
-                EXPECT_EQ(accepted
-                              ? std::vector<std::string>{}
-                              : std::vector<std::string>{parser("send_blocking", keyword.text)},
-                          describeAll(log));
+                EXPECT_EQ(accepted ? Outcome(1, {}) : Outcome(-1, {parser("send_blocking", text)}),
+                          setup(udpClass, run,
+                                PropertyList{{std::string(PREFIX) + ".send_blocking", text}}));
+                EXPECT_EQ(accepted ? value : before, run.record.send_blocking);
             }
         }
     }
@@ -303,153 +286,133 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
         std::set<VESK_Transport_ClassId_t> classids;
         const char *prefix;
         std::string properties;  // "name=value;..."
-        int result;
-        std::vector<std::string> messages;
+        Outcome outcome;
         KEL_INT32 sendBlocking;  // after the setup (every default is 1)
     };
     const std::set<VESK_Transport_ClassId_t> V = {1, WAN, 2, 5};  // validated
-    const std::set<VESK_Transport_ClassId_t> all = {1, WAN, 2, 5, UNKNOWN_CLASS};
-    const auto U = [](const char *name) { return unknown(name); };
-    const std::string I = inconsistent(""), action = "dds.property_validation_action=";
-    const std::string P = std::string(PREFIX) + ".";
+    const std::set<VESK_Transport_ClassId_t> ALL = {1, WAN, 2, 5, UNKNOWN_CLASS};
+    const std::string I = inconsistent(""), A = "dds.property_validation_action=";
+    const std::string P = std::string(PREFIX) + ".", BAD = "send_blockin=0;send_blocking=0";
     const std::vector<Case> cases = {
-        {all, nullptr, "send_blocking=0;parent.message_size_max=1400", 2, {}, 0},
-        {V, nullptr, "send_blockin=0;send_blocking=0", -1, {U("send_blockin"), I}, 1},
+        {ALL, nullptr, "send_blocking=0;parent.message_size_max=1400", {2, {}}, 0},
+        {V, nullptr, BAD, {-1, {unknown("send_blockin"), I}}, 1},
+        {V, nullptr, BAD + ";" + A + "EXCEPTION", {-1, {unknown("send_blockin"), I}}, 1},
         {V,
          nullptr,
-         "send_blockin=0;send_blocking=0;" + action + "EXCEPTION",
-         -1,
-         {U("send_blockin"), I},
-         1},
-        {V,
-         nullptr,
-         "send_blockin=0;send_blocking=0;" + action + "WARNING",
-         1,
-         {unknown("send_blockin", KEL_LOG_BIT_WARN)},
+         BAD + ";" + A + "WARNING",
+         {1, {unknown("send_blockin", KEL_LOG_BIT_WARN)}},
          0},
-        {all, nullptr, "send_blockin=0;send_blocking=0;" + action + "SKIP", 1, {}, 0},
+        {ALL, nullptr, BAD + ";" + A + "SKIP", {1, {}}, 0},
         // Validation comes before the first UDP property is read.
-        {V, nullptr, "bogus=1;send_socket_buffer_size=big", -1, {U("bogus"), I}, 1},
+        {V, nullptr, "bogus=1;send_socket_buffer_size=big", {-1, {unknown("bogus"), I}}, 1},
         // "prefix" sets the validation prefix only: names outside it are not
         // validated, names are still read bare; an empty one validates all.
         {V,
          nullptr,
          "prefix=my;my.bogus=1;send_blocking=0",
-         -1,
-         {U("my.bogus"), inconsistent("my")},
+         {-1, {unknown("my.bogus"), inconsistent("my")}},
          1},
-        {all, nullptr, "prefix=my;my.send_blocking=0;bogus=1", 1, {}, 1},
-        {V, nullptr, "prefix=;send_blocking=0;bogus=1", -1, {U("bogus"), I}, 1},
-        {{UNKNOWN_CLASS}, nullptr, "prefix=;bogus=1;send_blocking=0", 2, {}, 0},
+        {ALL, nullptr, "prefix=my;my.send_blocking=0;bogus=1", {1, {}}, 1},
+        {V, nullptr, "prefix=;send_blocking=0;bogus=1", {-1, {unknown("bogus"), I}}, 1},
+        {{UNKNOWN_CLASS}, nullptr, "prefix=;bogus=1;send_blocking=0", {2, {}}, 0},
         // Class id 5 is validated like UDPv6 but knows no UDPv6 keyword.
         {{5},
          nullptr,
          "send_blocking=VESK_TRANSPORT_UDPV6_BLOCKING_NEVER",
-         -1,
-         {parser("send_blocking", "VESK_TRANSPORT_UDPV6_BLOCKING_NEVER")},
+         {-1, {parser("send_blocking", "VESK_TRANSPORT_UDPV6_BLOCKING_NEVER")}},
          1},
-        {all,
+        {ALL,
          nullptr,
-         action + "MAYBE;send_blocking=0",
-         -1,
-         {error("DDS_PropertyQosPolicy_parse_property_validation_action",
-                "KEL_LOG_PARSER_FAILURE_ss", {"dds.property_validation_action", "MAYBE"}),
-          error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"property_validation_action"})},
+         A + "MAYBE;send_blocking=0",
+         {-1,
+          {error("DDS_PropertyQosPolicy_parse_property_validation_action",
+                 "KEL_LOG_PARSER_FAILURE_ss", {"dds.property_validation_action", "MAYBE"}),
+           error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"property_validation_action"})}},
          1},
         // With a prefix nothing is validated, neither "prefix" is read, and
         // the action is ignored.
-        {all,
+        {ALL,
          PREFIX,
-         "prefix=x;" + P + "prefix=y;" + P + "misspelt=1;" + P + "send_blocking=0;" + action +
-             "garbage",
-         1,
-         {},
+         "prefix=x;" + P + "prefix=y;" + P + "misspelt=1;" + P + "send_blocking=0;" + A + "garbage",
+         {1, {}},
          0},
         // A failed generic part is reported as such, before any UDP property.
-        {all,
+        {ALL,
          PREFIX,
          P + "parent.address_bit_count=200;" + P + "send_blocking=0",
-         -1,
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_VALUE_OUT_OF_RANGE_ss",
-                {"parent.address_bit_count", "[-128, 128]"}),
-          error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"})},
+         {-1,
+          {error(PARENT_SETUP, "KEL_LOG_PARSER_VALUE_OUT_OF_RANGE_ss",
+                 {"parent.address_bit_count", "[-128, 128]"}),
+           error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"})}},
          1},
     };
     for (const UdpClass &udpClass : CLASSES) {
         for (const Case &c : cases) {
             if (!c.classids.count(udpClass.classid)) continue;
             SCOPED_TRACE(std::to_string(udpClass.classid) + ": " + c.properties);
-            PropertyList properties(c.properties);
-            LogCapture log;
             UdpRecord run(*udpClass.defaults);
-            EXPECT_EQ(c.result, runSetup(udpClass, run, properties, c.prefix));
-            EXPECT_EQ(c.messages, describeAll(log));
+            EXPECT_EQ(c.outcome, setup(udpClass, run, PropertyList(c.properties), c.prefix));
             EXPECT_EQ(c.sendBlocking, run.record.send_blocking);
         }
         // Only the WAN class's own list accepts the WAN names.
+        if (udpClass.classid == UNKNOWN_CLASS) continue;
         for (const char *suffix :
              {"public_address", "comm_ports", "wan_listener_ptr", "port_offset",
               "binding_ping_period", "binding_ping_mapping_expiration"}) {
-            if (udpClass.classid == UNKNOWN_CLASS) break;
             SCOPED_TRACE(suffix);
-            PropertyList properties{{suffix, "0"}};
-            LogCapture log;
             UdpRecord run(*udpClass.defaults);
-            const bool wan = udpClass.classid == WAN;
-            EXPECT_EQ(wan ? 1 : -1, runSetup(udpClass, run, properties, nullptr));
-            EXPECT_EQ((wan ? std::vector<std::string>{}
-                           : std::vector<std::string>{unknown(suffix), inconsistent("")}),
-                      describeAll(log));
+            EXPECT_EQ(udpClass.classid == WAN ? Outcome(1, {})
+                                              : Outcome(-1, {unknown(suffix), inconsistent("")}),
+                      setup(udpClass, run, PropertyList{{suffix, "0"}}, nullptr));
         }
     }
 }
 
 // Every property at once, with and without a prefix: each counts once (a
 // list given under both names too), and a class's own list of every name
-// it reads passes validation.
+// it reads passes validation. Names under no prefix, or unknown ones under
+// a prefix, are not read.
 TEST(UdpSetup, TheResultCountsEveryPropertyApplied) {
     for (const UdpClass &udpClass : CLASSES) {
         for (const char *prefix : {PREFIX, static_cast<const char *>(nullptr)}) {
             SCOPED_TRACE(std::to_string(udpClass.classid) + (prefix ? " prefixed" : ""));
-            const std::string p = prefix ? prefix : "";
             const bool wanRows =
                 prefix || udpClass.classid == WAN || udpClass.classid == UNKNOWN_CLASS;
-            PropertyList properties;
-            properties.add(p, "parent.classid", "1")
-                .add(p, "parent.address_bit_count", "32")
-                .add(p, "parent.properties_bitmap", "0")
-                .add(p, "parent.gather_send_buffer_count_max", "8")
-                .add(p, "parent.message_size_max", "8192")
-                .add(p, "parent.allow_interfaces", "eth0")
-                .add(p, "parent.allow_interfaces_list", "lo")
-                .add(p, "parent.deny_interfaces_list", "eth1")
-                .add(p, "parent.allow_multicast_interfaces", "eth2")
-                .add(p, "parent.deny_multicast_interfaces_list", "eth3")
-                .add(p, "parent.thread_name_prefix", "abcd")
-                .add(p, "thread_name_prefix", "abc")
-                .add(p, "participant_guid_prefix", "1,2,3")
-                .add(p, "parent.max_interface_count", "4");
+            PropertyList properties(
+                "parent.classid=1;parent.address_bit_count=32;parent.properties_bitmap=0;"
+                "parent.gather_send_buffer_count_max=8;parent.message_size_max=8192;"
+                "parent.allow_interfaces=eth0;parent.allow_interfaces_list=lo;"
+                "parent.deny_interfaces_list=eth1;parent.allow_multicast_interfaces=eth2;"
+                "parent.deny_multicast_interfaces_list=eth3;parent.thread_name_prefix=abcd;"
+                "thread_name_prefix=abc;participant_guid_prefix=1,2,3;"
+                "parent.max_interface_count=4",
+                prefix ? prefix : "");
             for (size_t i = 0; i < ROWS.size(); ++i) {
                 if (wanRows || i < 22 || i == 25 || i == 29)
-                    properties.add(p, ROWS[i].suffix, ROWS[i].good);
+                    properties.add(prefix ? prefix : "", ROWS[i].suffix, ROWS[i].good);
             }
-            if (!prefix)
+            if (!prefix) {
                 properties.add("prefix", "")
                     .add(DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME, "EXCEPTION");
-            LogCapture log;
+            } else {
+                properties.add("parent.message_size_max", "9000")
+                    .add(prefix, "parent.unknown", "1");
+            }
             UdpRecord run(*udpClass.defaults);
             // The generic twelve, the UDP rows, and "prefix"; not the action.
-            EXPECT_EQ(12 + (wanRows ? 30 : 24) + (prefix ? 0 : 1),
-                      runSetup(udpClass, run, properties, prefix));
+            EXPECT_EQ(Outcome(12 + (wanRows ? 30 : 24) + (prefix ? 0 : 1), {}),
+                      setup(udpClass, run, properties, prefix));
             EXPECT_EQ(wanRows ? "1,1,1,1,1,1" : "1,1,1,1,0,0", renderFlags(run.allocations));
-            EXPECT_TRUE(log.entries().empty());
+            EXPECT_EQ(8192, run.record.parent.message_size_max);
         }
     }
 }
 
+// A member is released only when flagged, then nulled (the list's length
+// 0); the flags stay, so a second cleanup must not release twice. The
+// listener is the application's.
 TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     VESK_Transport_cleanupUDPProperty(nullptr, nullptr);
-    // Flags clear: neither member is released, even when set.
     Udp record = VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT;
     Flags flags{};
     record.public_address = DDS_String_dup("198.51.100.1");
@@ -460,9 +423,6 @@ TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     ASSERT_NE(nullptr, record.public_address);
     ASSERT_NE(nullptr, record.comm_ports_list);
     EXPECT_EQ(2, record.comm_ports_list_length);
-    // Flags set: both released and nulled, the length 0; the flags stay and
-    // a second cleanup releases nothing twice. The listener is the
-    // application's.
     flags._publicAddressAllocated = 1;
     flags._commPortsAllocated = 1;
     VESK_Transport_cleanupUDPProperty(&record, &flags);
@@ -475,15 +435,13 @@ TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
 }
 
 TEST(UdpSetup, EachCleanupWrapperReleasesWhatItsSetupAllocated) {
-    using Cleanup = void (*)(Udp *, const Flags *);
-    for (Cleanup cleanup :
+    for (auto cleanup :
          {VESK_Transport_cleanupUDPv4Property, VESK_Transport_cleanupUDPv4WanProperty,
           VESK_Transport_cleanupUDPv6Property}) {
-        PropertyList properties;
-        properties.add(PREFIX, "parent.allow_interfaces", "eth0")
-            .add(PREFIX, "parent.deny_multicast_interfaces", "eth1,eth2")
-            .add(PREFIX, "public_address", "")
-            .add(PREFIX, "comm_ports", "{\"default\": {\"host\": 7400}}");
+        PropertyList properties(
+            "parent.allow_interfaces=eth0;parent.deny_multicast_interfaces=eth1,eth2;"
+            "public_address=;comm_ports={\"default\": {\"host\": 7400}}",
+            PREFIX);
         Udp record = VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT;
         Flags flags{};
         ASSERT_EQ(4,
@@ -510,6 +468,21 @@ const char *const EXAMPLE =
 const char *const EXAMPLE_TABLE = "[{0,7400,17400},{7410,7410,17410},{7411,7500,7500}]";
 Mapping g_sentinel[1] = {{1, 2, 3, 4}};
 
+// The caller's side of a parse: the list and its length; a parsed table is
+// released at the end.
+struct Table {
+    Mapping *list = g_sentinel;
+    KEL_INT32 length = 77;
+    ~Table() {
+        if (list != g_sentinel && list != nullptr) KELOsapiHeap_freeArray(list);
+    }
+    Outcome parse(const char *json) {
+        LogCapture log;
+        const int result = VESK_Transport_CommPortsHelper_parseJson(&list, &length, json);
+        return {result, describeAll(log)};
+    }
+};
+
 TEST(CommPortsJson, EachNullArgumentIsAPreconditionFailure) {
     const std::vector<std::pair<const char *, const char *>> cases = {
         // null: list, length, text
@@ -519,67 +492,59 @@ TEST(CommPortsJson, EachNullArgumentIsAPreconditionFailure) {
         {"111", "commPortsListOut == ((void *)0)"},
         {"011", "commPortsListLengthOut == ((void *)0)"},
     };
-    PreconditionFlags restore;
     for (const auto &[nulls, condition] : cases) {
         SCOPED_TRACE(condition);
-        KELLog_g_detectPrecondition = 1;
-        KELLog_g_preconditionDetected = 0;
-        const KEL_UINT64 breakpoints = KELLog_getAssertBreakpointCount();
+        PreconditionFlags watch;
         LogCapture log;
-        Mapping *list = g_sentinel;
-        KEL_INT32 length = 77;
-        EXPECT_EQ(0, VESK_Transport_CommPortsHelper_parseJson(nulls[0] == '1' ? nullptr : &list,
-                                                              nulls[1] == '1' ? nullptr : &length,
-                                                              nulls[2] == '1' ? nullptr : EXAMPLE));
-        EXPECT_EQ((std::vector<std::string>{message(KEL_LOG_BIT_EXCEPTION, PARSE_JSON,
-                                                    "KEL_LOG_PRECONDITION_FAILURE_s",
-                                                    {std::string("\"") + condition + "\""})}),
+        Table table;
+        EXPECT_EQ(
+            0, VESK_Transport_CommPortsHelper_parseJson(nulls[0] == '1' ? nullptr : &table.list,
+                                                        nulls[1] == '1' ? nullptr : &table.length,
+                                                        nulls[2] == '1' ? nullptr : EXAMPLE));
+        EXPECT_EQ(Lines{message(KEL_LOG_BIT_EXCEPTION, PARSE_JSON, "KEL_LOG_PRECONDITION_FAILURE_s",
+                                {std::string("\"") + condition + "\""})},
                   describeAll(log));
-        EXPECT_EQ(g_sentinel, list);
-        EXPECT_EQ(77, length);
-        EXPECT_EQ(1, KELLog_g_preconditionDetected);
-        EXPECT_EQ(breakpoints + 1, KELLog_getAssertBreakpointCount());
+        EXPECT_EQ(g_sentinel, table.list);
+        EXPECT_EQ(77, table.length);
+        watch.expectOne();
     }
 }
 
+// Entry 0 from "default", then the mappings in order; low bits, no range
+// test; duplicates kept.
 TEST(CommPortsJson, DocumentsBecomeTables) {
     const std::vector<std::pair<const char *, const char *>> cases = {
-        // entry 0 from default, then the mappings in order
         {EXAMPLE, EXAMPLE_TABLE},
         {R"({"default": {}})", "[{0,0,0}]"},
         {R"({"default": {"host": 7400}, "mappings": []})", "[{0,7400,7400}]"},
         {R"({"x": 1, "default": {"rtps": 5, "host": 6, "other": "z"}, "y": [1]})", "[{5,6,6}]"},
         {R"({"default": {"host": 5, "public": 0}})", "[{0,5,0}]"},  // public 0 is not absent
         {R"({"default": {"public": 9}})", "[{0,0,9}]"},
-        // Low bits, no range test.
         {R"({"default": {"host": 65536, "public": -1}})", "[{0,0,65535}]"},
         {R"({"default": {"host": 70000}})", "[{0,4464,4464}]"},
         {R"({"default": {"rtps": -1}})", "[{4294967295,0,0}]"},
         {R"({"default": {"rtps": 4294967296}})", "[{0,0,0}]"},
         {R"({"default": {}, "mappings": [{"rtps": 1}, {"rtps": 1}, {"rtps": 1}]})",
-         "[{0,0,0},{1,0,0},{1,0,0},{1,0,0}]"},  // duplicates are kept
+         "[{0,0,0},{1,0,0},{1,0,0},{1,0,0}]"},
     };
     for (const auto &[json, expected] : cases) {
         SCOPED_TRACE(json);
-        LogCapture log;
-        Mapping *list = nullptr;
-        KEL_INT32 length = 77;
-        EXPECT_EQ(1, VESK_Transport_CommPortsHelper_parseJson(&list, &length, json));
-        ASSERT_NE(nullptr, list);
-        EXPECT_EQ(expected, renderCommPorts(list, length));
+        Table table;
+        EXPECT_EQ(Outcome(1, {}), table.parse(json));
+        EXPECT_EQ(expected, renderList(table.list, table.length));
         EXPECT_STREQ("struct VESK_Transport_UDP_WAN_CommPortsMappingInfo",
-                     KELOsapiHeap_getBlockTypeName(list));
-        EXPECT_EQ(VESK_TRANSPORT_HEAP_TAG, KELOsapiHeap_getBlockTag(list));
-        EXPECT_TRUE(log.entries().empty());
-        KELOsapiHeap_freeArray(list);
+                     KELOsapiHeap_getBlockTypeName(table.list));
+        EXPECT_EQ(VESK_TRANSPORT_HEAP_TAG, KELOsapiHeap_getBlockTag(table.list));
     }
 }
 
+// No list is handed out and nothing stays allocated; the length counts the
+// entries stored.
 TEST(CommPortsJson, BadDocumentsFailWithTheirMessagesAndLeaveNothing) {
     struct Case {
         std::string json;
-        std::vector<std::string> messages;  // "": a message whose argument is ours to choose
-        KEL_INT32 length;                   // the count of stored entries
+        Lines messages;  // "": a message whose argument is ours to choose
+        KEL_INT32 length;
     };
     const auto get = [](const char *what, bool node = true) {
         return error(node ? "VESK_Transport_CommPortsHelper_parseJsonMappingNode" : PARSE_JSON,
@@ -588,8 +553,8 @@ TEST(CommPortsJson, BadDocumentsFailWithTheirMessagesAndLeaveNothing) {
     const std::string parseDefault =
         error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_s", {"parse default node"});
     const std::vector<Case> cases = {
-        {"{bad", {error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", "{bad"})}, 0},
-        {"", {error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", ""})}, 0},
+        {"{bad", {notJson("{bad")}, 0},
+        {"", {notJson("")}, 0},
         {R"({"mappings": [{"rtps": 1, "host": 2}]})", {get("default comm_ports", false)}, 0},
         {R"({"default": {"rtps": "x"}})", {get("rtps node value"), parseDefault}, 0},
         {R"({"default": {"host": "7400"}})", {get("host node value"), parseDefault}, 0},
@@ -606,26 +571,20 @@ TEST(CommPortsJson, BadDocumentsFailWithTheirMessagesAndLeaveNothing) {
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.json);
-        LogCapture log;
         const KEL_UINT64 blocks = liveHeapBlocks();
-        Mapping *list = g_sentinel;
-        KEL_INT32 length = 77;
-        EXPECT_EQ(0, VESK_Transport_CommPortsHelper_parseJson(&list, &length, c.json.c_str()));
-        EXPECT_EQ(g_sentinel, list);
-        EXPECT_EQ(c.length, length);
+        Table table;
+        auto [result, lines] = table.parse(c.json.c_str());
+        EXPECT_EQ(0, result);
+        EXPECT_EQ(g_sentinel, table.list);
+        EXPECT_EQ(c.length, table.length);
         EXPECT_EQ(blocks, liveHeapBlocks());
-        const auto entries = log.entries();
-        ASSERT_EQ(c.messages.size(), entries.size());
-        for (size_t i = 0; i < entries.size(); ++i) {
-            if (!c.messages[i].empty()) {
-                EXPECT_EQ(c.messages[i], describe(entries[i]));
-            } else {  // a failed "mappings" element: our wording, the same template
-                LogEntry entry = entries[i];
-                EXPECT_FALSE(entry.params.empty() || entry.params[0].empty());
-                entry.params = {"x"};
-                EXPECT_EQ(error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_s", {"x"}), describe(entry));
-            }
+        // A failed "mappings" element: our wording, the same template.
+        const std::string element = error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_s", {""});
+        if (lines.size() == 2 && c.messages[1].empty() && lines[1].size() > element.size() &&
+            lines[1].rfind(element.substr(0, element.size() - 1), 0) == 0) {
+            lines[1] = "";
         }
+        EXPECT_EQ(c.messages, lines);
     }
 }
 
@@ -633,42 +592,20 @@ TEST(CommPortsJson, BadDocumentsFailWithTheirMessagesAndLeaveNothing) {
 // exactly one of its two messages.
 TEST(CommPortsJson, EveryAllocationFailureLeavesNothing) {
     const std::string creation = error(PARSE_JSON, "KEL_LOG_CREATION_FAILURE_s", {"commPortsList"});
-    const std::string parse =
-        error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", EXAMPLE});
-    struct Outcome {
-        int result = 0;
-        Mapping *list = g_sentinel;
-        KEL_INT32 length = 0;
-        std::vector<std::string> lines;
-    };
-    std::set<std::string> seen;
-    const auto summary = sweepAllocationFailures(
-        [] {
-            LogCapture log;
-            Outcome outcome;
-            outcome.result =
-                VESK_Transport_CommPortsHelper_parseJson(&outcome.list, &outcome.length, EXAMPLE);
-            outcome.lines = describeAll(log);
-            return outcome;
+    const auto sweep = sweepSetup<Table>(
+        [](Table &table) {
+            return VESK_Transport_CommPortsHelper_parseJson(&table.list, &table.length, EXAMPLE);
         },
-        [&](const SweepStep &step, Outcome &outcome) {
-            if (!step.failed) {
-                EXPECT_EQ(1, outcome.result);
-                EXPECT_EQ(EXAMPLE_TABLE, renderCommPorts(outcome.list, outcome.length));
-                return;
-            }
-            EXPECT_EQ(0, outcome.result);
-            EXPECT_EQ(g_sentinel, outcome.list);
-            ASSERT_EQ(1u, outcome.lines.size());
-            EXPECT_TRUE(outcome.lines[0] == creation || outcome.lines[0] == parse)
-                << outcome.lines[0];
-            seen.insert(outcome.lines[0]);
-        },
-        [](Outcome &outcome) {
-            if (outcome.result == 1) KELOsapiHeap_freeArray(outcome.list);
+        [](bool failed, const Table &table, int result, const Lines &lines) {
+            EXPECT_EQ(failed ? 0 : 1, result);
+            EXPECT_EQ(failed ? "null" : EXAMPLE_TABLE,
+                      renderList(table.list == g_sentinel ? nullptr : table.list, table.length));
+            EXPECT_EQ(failed ? 1u : 0u, lines.size());
         });
-    EXPECT_TRUE(summary.completed);
-    EXPECT_TRUE(seen.count(creation));
+    EXPECT_TRUE(sweep.lastLines.count(creation));
+    for (const std::string &line : sweep.lastLines) {
+        EXPECT_TRUE(line == creation || line == notJson(EXAMPLE)) << line;
+    }
 }
 
 TEST(WanProperties, ValuesBecomeTheRecordsMembers) {
@@ -686,12 +623,9 @@ TEST(WanProperties, ValuesBecomeTheRecordsMembers) {
         SCOPED_TRACE(property.second);
         PropertyList properties;
         properties.add(PREFIX, property.first, property.second);
-        LogCapture log;
-        UdpRecord run(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT);
-        EXPECT_EQ(1, setupWan(run, properties));
-        EXPECT_EQ(
-            expected,
-            changes(withDefaultThreadName(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT), run.record));
+        UdpRecord run;
+        EXPECT_EQ(Outcome(1, {}), setup(WAN_CLASS, run, properties));
+        EXPECT_EQ(expected, changes(withDefaultThreadName(*WAN_CLASS.defaults), run.record));
         if (run.record.comm_ports_list != nullptr) {
             EXPECT_STREQ("struct VESK_Transport_UDP_WAN_CommPortsMappingInfo",
                          KELOsapiHeap_getBlockTypeName(run.record.comm_ports_list));
@@ -699,16 +633,12 @@ TEST(WanProperties, ValuesBecomeTheRecordsMembers) {
                       KELOsapiHeap_getBlockTag(run.record.comm_ports_list));
         }
         EXPECT_NE(properties.get()->value._contiguous_buffer[0].value, run.record.public_address);
-        EXPECT_TRUE(log.entries().empty());
     }
 }
 
 TEST(WanProperties, BadPortTablesFailAndLeaveNoTable) {
     const auto parseFailed = [](const std::string &value) { return parser("comm_ports", value); };
-    const auto notJson = [](const std::string &value) {
-        return error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", value});
-    };
-    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+    const std::vector<std::pair<std::string, Lines>> cases = {
         {"-1", {portRange("-1")}},
         {"100000", {portRange("100000")}},
         {"{\"default\": ", {notJson("{\"default\": "), parseFailed("{\"default\": ")}},
@@ -720,10 +650,8 @@ TEST(WanProperties, BadPortTablesFailAndLeaveNoTable) {
         SCOPED_TRACE(value);
         PropertyList properties;
         properties.add(PREFIX, "comm_ports", value).add(PREFIX, "port_offset", "5");
-        LogCapture log;
-        UdpRecord run(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT);
-        EXPECT_EQ(-1, setupWan(run, properties));
-        EXPECT_EQ(messages, describeAll(log));
+        UdpRecord run;
+        EXPECT_EQ(Outcome(-1, messages), setup(WAN_CLASS, run, properties));
         EXPECT_EQ(nullptr, run.record.comm_ports_list);
         EXPECT_EQ(0, run.record.comm_ports_list_length);
         EXPECT_EQ("0,0,0,0,0,0", renderFlags(run.allocations));
@@ -741,10 +669,8 @@ TEST(WanProperties, ALaterFailureReleasesTheTableAndLeavesTheAddress) {
             properties.add(PREFIX, "public_address", "203.0.113.5")
                 .add(PREFIX, "comm_ports", commPorts)
                 .add(PREFIX, ROWS[i].suffix, ROWS[i].bad);
-            LogCapture log;
-            UdpRecord run(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT);
-            EXPECT_EQ(-1, setupWan(run, properties));
-            EXPECT_EQ(std::vector<std::string>{badMessage(ROWS[i])}, describeAll(log));
+            UdpRecord run;
+            EXPECT_EQ(Outcome(-1, {badMessage(ROWS[i])}), setup(WAN_CLASS, run, properties));
             EXPECT_EQ(nullptr, run.record.comm_ports_list);
             EXPECT_EQ(0, run.record.comm_ports_list_length);
             EXPECT_STREQ("203.0.113.5", run.record.public_address);
@@ -754,52 +680,36 @@ TEST(WanProperties, ALaterFailureReleasesTheTableAndLeavesTheAddress) {
 }
 
 // The copies fail in turn: the default thread-name prefix, the public
-// address and the single-port table each have their own message, and nothing is flagged
-// that is not held.
+// address and the single-port table each have their own message, and
+// nothing is flagged that is not held.
 TEST(WanProperties, EveryAllocationFailureIsReportedAndReleased) {
-    PropertyList properties;
-    properties.add(PREFIX, "public_address", "203.0.113.5").add(PREFIX, "comm_ports", "7400");
+    PropertyList properties("public_address=203.0.113.5;comm_ports=7400", PREFIX);
     const std::string publicAddress =
         error(UDP_SETUP, "KEL_LOG_ANY_FAILURE_s", {"ERROR: Out of resources for public_address. "});
     const std::string commPorts = error(UDP_SETUP, "KEL_LOG_CREATION_FAILURE_s", {"commPortsList"});
-    struct Outcome {
-        std::unique_ptr<UdpRecord> run;
-        int result = 0;
-        std::vector<std::string> lines;
-    };
-    std::set<std::string> seen;
-    const auto summary = sweepAllocationFailures(
-        [&] {
-            LogCapture log;
-            Outcome outcome;
-            outcome.run = std::make_unique<UdpRecord>(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT);
-            outcome.result = setupWan(*outcome.run, properties);
-            outcome.lines = describeAll(log);
-            return outcome;
-        },
-        [&](const SweepStep &step, Outcome &outcome) {
-            const Udp &record = outcome.run->record;
-            if (!step.failed) {
-                EXPECT_EQ(2, outcome.result);
-                return;
-            }
-            EXPECT_EQ(-1, outcome.result);
-            EXPECT_EQ(record.public_address != nullptr,
-                      outcome.run->allocations._publicAddressAllocated != 0);
-            EXPECT_EQ(nullptr, record.comm_ports_list);
-            EXPECT_EQ(0, outcome.run->allocations._commPortsAllocated);
-            if (outcome.lines == std::vector<std::string>{publicAddress}) {
-                EXPECT_EQ(nullptr, record.public_address);
-            } else if (outcome.lines == std::vector<std::string>{commPorts}) {
-                EXPECT_STREQ("203.0.113.5", record.public_address);
-            }
-            seen.insert(outcome.lines.empty() ? "" : outcome.lines[0]);
-        },
-        [](Outcome &outcome) { outcome.run.reset(); });
-    EXPECT_TRUE(summary.completed);
     const std::string threadName =
         error(PARENT_SETUP, "DDS_LOG_OUT_OF_RESOURCES_s", {"parent.thread_name_prefix"});
-    EXPECT_EQ((std::set<std::string>{threadName, publicAddress, commPorts}), seen);
+    const std::string parent = error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"});
+    const auto sweep = sweepSetup<UdpRecord>(
+        [&](UdpRecord &run) {
+            return VESK_Transport_setupUDPv4WanProperty(&run.record, &run.allocations,
+                                                        properties.get(), PREFIX);
+        },
+        [&](bool failed, const UdpRecord &run, int result, const Lines &lines) {
+            EXPECT_EQ(failed ? -1 : 2, result);
+            EXPECT_EQ(failed, !lines.empty());
+            if (lines.size() > 1) {
+                EXPECT_EQ((Lines{threadName, parent}), lines);
+            }
+            EXPECT_EQ(run.record.public_address != nullptr,
+                      run.allocations._publicAddressAllocated != 0);
+            EXPECT_EQ(failed ? "null" : "[{7400,7400,7400}]", field(run.record, "comm_ports_list"));
+            EXPECT_EQ(!failed, run.allocations._commPortsAllocated != 0);
+            if (lines == Lines{commPorts}) {
+                EXPECT_STREQ("203.0.113.5", run.record.public_address);
+            }
+        });
+    EXPECT_EQ((std::set<std::string>{parent, publicAddress, commPorts}), sweep.lastLines);
 }
 
 }  // namespace

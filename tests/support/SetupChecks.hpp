@@ -1,6 +1,7 @@
 // Checks shared by the tests of the property setups and the factories: log
 // records as one comparable line each, records rendered field by field,
-// records and plugins that release what they hold.
+// records and plugins that release what they hold, the allocation sweep of
+// a setup.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,42 +10,34 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/AllocationSweep.hpp"
 #include "support/PropertyList.hpp"
 #include "support/TestSupport.hpp"
 #include "vesk_transport/Support.h"
 
 namespace vesk::test {
 
-// "level function TEMPLATE[format](param|param)"; the format part only for
-// _TEMPLATE messages.
-inline std::string describe(const LogEntry &entry) {
-    std::string out =
-        std::to_string(entry.level) + " " + entry.function + " " + entry.template_name;
-    if (!entry.format.empty()) out += "[" + entry.format + "]";
-    return out + "(" + summarize("", entry.params).substr(1);
+// "level function TEMPLATE[format](param|param)": a log record as one
+// comparable line; the format part only for _TEMPLATE messages.
+inline std::string message(KEL_UINT32 level, const std::string &function,
+                           const std::string &template_name, const std::vector<std::string> &params,
+                           const std::string &format = "") {
+    std::string out = std::to_string(level) + " " + function + " " + template_name;
+    if (!format.empty()) out += "[" + format + "]";
+    return out + "(" + summarize("", params).substr(1);
 }
-
+inline std::string describe(const LogEntry &entry) {
+    return message(entry.level, entry.function, entry.template_name, entry.params, entry.format);
+}
 inline std::vector<std::string> describeAll(const LogCapture &capture) {
     std::vector<std::string> out;
     for (const LogEntry &entry : capture.entries()) out.push_back(describe(entry));
     return out;
-}
-
-// The line that describe() gives for the expected message.
-inline std::string message(KEL_UINT32 level, const std::string &function,
-                           const std::string &template_name, const std::vector<std::string> &params,
-                           const std::string &format = "") {
-    LogEntry entry;
-    entry.level = level;
-    entry.function = function;
-    entry.template_name = template_name;
-    entry.format = format;
-    entry.params = params;
-    return describe(entry);
 }
 inline std::string error(const std::string &function, const std::string &template_name,
                          const std::vector<std::string> &params, const std::string &format = "") {
@@ -78,8 +71,8 @@ inline std::string renderList(char *const *list, KEL_INT32 length) {
 }
 
 // ref_count is left out: no setup writes it.
-inline std::string renderCommPorts(const VESK_Transport_UDP_WAN_CommPortsMappingInfo *list,
-                                   KEL_INT32 length) {
+inline std::string renderList(const VESK_Transport_UDP_WAN_CommPortsMappingInfo *list,
+                              KEL_INT32 length) {
     if (list == nullptr) return "null";
     std::string out = "[";
     for (KEL_INT32 i = 0; i < length; ++i) {
@@ -97,6 +90,10 @@ inline std::string renderBytes(const void *bytes, size_t count) {
         out += text;
     }
     return out;
+}
+template <typename Value>
+std::string renderBytesOf(const Value &value) {
+    return renderBytes(&value, sizeof value);
 }
 
 inline std::string renderFlags(const VESK_Transport_internalMemoryAllocations &f) {
@@ -119,13 +116,15 @@ using Udp = VESK_Transport_UDP_Property_t;
 using Shmem = VESK_Transport_Shmem_Property_t;
 using Generic = VESK_Transport_Property_t;
 
-// clang-format off
-#define VESK_NUMBER(R, path) Field<R>{#path, [](const R &r) { return std::to_string(r.path); }}
-#define VESK_LIST(R, path) Field<R>{#path, [](const R &r) { return renderList(r.path, r.path##_length); }}, VESK_NUMBER(R, path##_length)
-// clang-format on
+// A field by its path in the record and the function that renders it; a
+// number; a list (its elements) and its length.
+#define VESK_FIELD(R, path, how) Field<R>(#path, [](const R &r) { return how(r.path); })
+#define VESK_NUMBER(R, path) VESK_FIELD(R, path, std::to_string)
+#define VESK_LIST(R, path)                                                           \
+    Field<R>(#path, [](const R &r) { return renderList(r.path, r.path##_length); }), \
+        VESK_NUMBER(R, path##_length)
 
-// Every field of the generic record, in the record's order; lists and
-// strings by content.
+// Every field of each record part, in the record's order.
 inline const std::vector<Field<Generic>> &genericFields() {
     static const std::vector<Field<Generic>> fields = {
         VESK_NUMBER(Generic, classid),
@@ -137,21 +136,14 @@ inline const std::vector<Field<Generic>> &genericFields() {
         VESK_LIST(Generic, deny_interfaces_list),
         VESK_LIST(Generic, allow_multicast_interfaces_list),
         VESK_LIST(Generic, deny_multicast_interfaces_list),
-        {"transport_uuid",
-         [](const Generic &r) { return renderBytes(r.transport_uuid.value, 12); }},
-        {"domain_participant_ptr",
-         [](const Generic &r) { return renderPointer(r.domain_participant_ptr); }},
-        {"domain_participant_forwarder",
-         [](const Generic &r) {
-             return renderPointer(reinterpret_cast<const void *>(r.domain_participant_forwarder));
-         }},
-        {"thread_name_prefix", [](const Generic &r) { return renderString(r.thread_name_prefix); }},
-        VESK_NUMBER(Generic, max_interface_count),
-    };
+        VESK_FIELD(Generic, transport_uuid, renderBytesOf),
+        VESK_FIELD(Generic, domain_participant_ptr, renderPointer),
+        VESK_FIELD(Generic, domain_participant_forwarder, renderPointer),
+        VESK_FIELD(Generic, thread_name_prefix, renderString),
+        VESK_NUMBER(Generic, max_interface_count)};
     return fields;
 }
 
-// The UDP fields after the generic part.
 inline const std::vector<Field<Udp>> &udpOwnFields() {
     static const std::vector<Field<Udp>> fields = {
         VESK_NUMBER(Udp, send_socket_buffer_size),
@@ -177,11 +169,9 @@ inline const std::vector<Field<Udp>> &udpOwnFields() {
         VESK_NUMBER(Udp, protocol_overhead_max),
         VESK_NUMBER(Udp, disable_interface_tracking),
         VESK_NUMBER(Udp, join_multicast_group_timeout),
-        {"public_address", [](const Udp &r) { return renderString(r.public_address); }},
-        {"comm_ports_list",
-         [](const Udp &r) { return renderCommPorts(r.comm_ports_list, r.comm_ports_list_length); }},
-        VESK_NUMBER(Udp, comm_ports_list_length),
-        {"wan_listener", [](const Udp &r) { return renderPointer(r.wan_listener); }},
+        VESK_FIELD(Udp, public_address, renderString),
+        VESK_LIST(Udp, comm_ports_list),
+        VESK_FIELD(Udp, wan_listener, renderPointer),
         VESK_NUMBER(Udp, port_offset),
         VESK_NUMBER(Udp, binding_ping_period),
         VESK_NUMBER(Udp, binding_ping_mapping_expiration),
@@ -189,21 +179,16 @@ inline const std::vector<Field<Udp>> &udpOwnFields() {
         VESK_NUMBER(Udp, drop_samples_by_guid_prefix),
         VESK_NUMBER(Udp, guid_prefix_to_drop.hostId),
         VESK_NUMBER(Udp, guid_prefix_to_drop.appId),
-        VESK_NUMBER(Udp, guid_prefix_to_drop.instanceId),
-    };
+        VESK_NUMBER(Udp, guid_prefix_to_drop.instanceId)};
     return fields;
 }
 
-// The shared-memory fields after the generic part.
 inline const std::vector<Field<Shmem>> &shmemOwnFields() {
     static const std::vector<Field<Shmem>> fields = {
         VESK_NUMBER(Shmem, received_message_count_max),
         VESK_NUMBER(Shmem, receive_buffer_size),
         VESK_NUMBER(Shmem, enable_udp_debugging),
-        {"udp_debugging_address",
-         [](const Shmem &r) {
-             return renderBytes(r.udp_debugging_address.network_ordered_value, 16);
-         }},
+        VESK_FIELD(Shmem, udp_debugging_address, renderBytesOf),
         VESK_NUMBER(Shmem, udp_debugging_port),
         VESK_NUMBER(Shmem, segmentKeyOffset),
         VESK_NUMBER(Shmem, segmentKeyFactor),
@@ -213,16 +198,14 @@ inline const std::vector<Field<Shmem>> &shmemOwnFields() {
         VESK_NUMBER(Shmem, mutexKeyFactor),
         VESK_NUMBER(Shmem, maxAllowedWriterDurationMillisec),
         VESK_NUMBER(Shmem, reserved),
-        {"shmemUUID",
-         [](const Shmem &r) { return renderBytes(r.shmemUUID.network_ordered_value, 16); }},
-        VESK_NUMBER(Shmem, majorVersion),
-    };
+        VESK_FIELD(Shmem, shmemUUID, renderBytesOf),
+        VESK_NUMBER(Shmem, majorVersion)};
     return fields;
 }
 
+#undef VESK_FIELD
 #undef VESK_NUMBER
 #undef VESK_LIST
-
 using Rendered = std::vector<std::pair<std::string, std::string>>;
 
 // Every field (generic part first, its names without "parent.") by content.
@@ -237,17 +220,6 @@ Rendered render(const Record &record) {
         for (const auto &field : shmemOwnFields()) {
             out.emplace_back(field.name, field.render(record));
         }
-    }
-    return out;
-}
-
-// The names of the fields in which two records differ.
-template <typename Record>
-std::vector<std::string> differingFields(const Record &left, const Record &right) {
-    const Rendered a = render(left), b = render(right);
-    std::vector<std::string> out;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (a[i].second != b[i].second) out.push_back(a[i].first);
     }
     return out;
 }
@@ -295,7 +267,8 @@ struct UdpRecord {
     Udp record;
     VESK_Transport_internalMemoryAllocations allocations{};
 
-    explicit UdpRecord(const Udp &defaults) : record(defaults) {}
+    explicit UdpRecord(const Udp &defaults = VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT)
+        : record(defaults) {}
     ~UdpRecord() { VESK_Transport_cleanupUDPProperty(&record, &allocations); }
     UdpRecord(const UdpRecord &) = delete;
     UdpRecord &operator=(const UdpRecord &) = delete;
@@ -350,13 +323,26 @@ struct UniqueIdOverride {
     UniqueIdOverride &operator=(const UniqueIdOverride &) = delete;
 };
 
-// Restores the logger's precondition flags.
+// Sets the logger's precondition detection while in scope and restores its
+// flags after; expectOne() checks that exactly one precondition fired.
 struct PreconditionFlags {
     int detect = KELLog_g_detectPrecondition;
     int detected = KELLog_g_preconditionDetected;
+    int armed;
+    KEL_UINT64 breakpoints = KELLog_getAssertBreakpointCount();
+    explicit PreconditionFlags(int arm = 1) : armed(arm) {
+        KELLog_g_detectPrecondition = arm;
+        KELLog_g_preconditionDetected = 0;
+    }
     ~PreconditionFlags() {
         KELLog_g_detectPrecondition = detect;
         KELLog_g_preconditionDetected = detected;
+    }
+    PreconditionFlags(const PreconditionFlags &) = delete;
+    PreconditionFlags &operator=(const PreconditionFlags &) = delete;
+    void expectOne() const {
+        EXPECT_EQ(armed, KELLog_g_preconditionDetected);
+        EXPECT_EQ(breakpoints + 1, KELLog_getAssertBreakpointCount());
     }
 };
 
@@ -374,11 +360,37 @@ inline void expectPrecondition(const LogCapture &log, const char *function, cons
     EXPECT_NE(std::string::npos, condition.find(what)) << condition;
 }
 
-inline std::vector<std::string> contents(char *const *list, KEL_INT32 length) {
-    std::vector<std::string> out;
-    for (KEL_INT32 i = 0; list != nullptr && i < length; ++i) {
-        out.emplace_back(list[i] == nullptr ? "(null)" : list[i]);
-    }
+// A setup's allocation sweep: call(state) runs with each allocation failing
+// in turn, then with none; check(failed, state, result, log lines) after each
+// run; the state's destructor releases what the run left before the leak
+// check. Gives the last log line of every failed run and the count of runs.
+struct SweepLines {
+    std::set<std::string> lastLines;
+    long failurePoints = 0;
+};
+template <typename State, typename Call, typename Check>
+SweepLines sweepSetup(Call call, Check check) {
+    struct Outcome {
+        std::unique_ptr<State> state = std::make_unique<State>();
+        int result = 0;
+        std::vector<std::string> lines;
+    };
+    SweepLines out;
+    const auto summary = sweepAllocationFailures(
+        [&] {
+            LogCapture log;
+            Outcome outcome;
+            outcome.result = call(*outcome.state);
+            outcome.lines = describeAll(log);
+            return outcome;
+        },
+        [&](const SweepStep &step, Outcome &o) {
+            check(step.failed, *o.state, o.result, o.lines);
+            if (step.failed) out.lastLines.insert(o.lines.empty() ? "" : o.lines.back());
+        },
+        [](Outcome &o) { o.state.reset(); });
+    EXPECT_TRUE(summary.completed);
+    out.failurePoints = summary.failurePoints;
     return out;
 }
 
