@@ -299,22 +299,6 @@ TEST(GenericSetup, EveryAllocationFailureLeavesOnlyFlaggedMembersBehind) {
     EXPECT_EQ(expected, sweep.lastLines);
 }
 
-TEST(GenericSetup, CleanupReleasesOnlyFlaggedListsAndAnyThreadNamePrefix) {
-    VESK_Transport_cleanupParentTransportProperty(nullptr, nullptr);
-    char *foreign[] = {const_cast<char *>("lo")};
-    Generic record = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT.parent;
-    Flags flags{};
-    record.allow_interfaces_list = foreign;
-    record.allow_interfaces_list_length = 1;
-    record.deny_multicast_interfaces_list = foreign;
-    record.thread_name_prefix = DDS_String_dup("mine");
-    VESK_Transport_cleanupParentTransportProperty(&record, &flags);
-    EXPECT_EQ(foreign, record.allow_interfaces_list);
-    EXPECT_EQ(1, record.allow_interfaces_list_length);
-    EXPECT_EQ(foreign, record.deny_multicast_interfaces_list);
-    EXPECT_EQ(nullptr, record.thread_name_prefix);
-}
-
 // The caller's side of one list: its fields, the counter and the flag; the
 // list is released at the end when flagged.
 struct ListState {

@@ -398,33 +398,36 @@ TEST(UdpSetup, TheResultCountsEveryPropertyApplied) {
     }
 }
 
-// A member is released only when flagged, then nulled (the list's length
-// 0); the flags stay, so a second cleanup must not release twice. The
-// listener is the application's.
+// A member is released only when flagged, then nulled (a list's length 0),
+// and any thread-name prefix; the flags stay, so a second cleanup must not
+// release twice. The listener is the application's. Each wrapper releases
+// what its setup allocated.
 TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     VESK_Transport_cleanupUDPProperty(nullptr, nullptr);
+    VESK_Transport_cleanupParentTransportProperty(nullptr, nullptr);
+    char *foreign[] = {const_cast<char *>("lo")};
     Udp record = VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT;
     Flags flags{};
+    record.parent.allow_interfaces_list = foreign;
+    record.parent.allow_interfaces_list_length = 1;
+    record.parent.deny_multicast_interfaces_list = foreign;
+    record.parent.thread_name_prefix = DDS_String_dup("mine");
     record.public_address = DDS_String_dup("198.51.100.1");
     ASSERT_TRUE(KELOsapiHeap_allocateArray(&record.comm_ports_list, 2, Mapping));
     record.comm_ports_list_length = 2;
     record.wan_listener = &g_listener;
+    const Rendered before = with(render(record), {{"thread_name_prefix", "null"}});
     VESK_Transport_cleanupUDPProperty(&record, &flags);
-    ASSERT_NE(nullptr, record.public_address);
-    ASSERT_NE(nullptr, record.comm_ports_list);
-    EXPECT_EQ(2, record.comm_ports_list_length);
+    EXPECT_EQ(before, render(record));
     flags._publicAddressAllocated = 1;
     flags._commPortsAllocated = 1;
     VESK_Transport_cleanupUDPProperty(&record, &flags);
-    EXPECT_EQ(nullptr, record.public_address);
-    EXPECT_EQ(nullptr, record.comm_ports_list);
-    EXPECT_EQ(0, record.comm_ports_list_length);
-    EXPECT_EQ(&g_listener, record.wan_listener);
+    EXPECT_EQ(with(before, {{"public_address", "null"},
+                            {"comm_ports_list", "null"},
+                            {"comm_ports_list_length", "0"}}),
+              render(record));
     EXPECT_EQ("0,0,0,0,1,1", renderFlags(flags));
     VESK_Transport_cleanupUDPProperty(&record, &flags);
-}
-
-TEST(UdpSetup, EachCleanupWrapperReleasesWhatItsSetupAllocated) {
     for (auto cleanup :
          {VESK_Transport_cleanupUDPv4Property, VESK_Transport_cleanupUDPv4WanProperty,
           VESK_Transport_cleanupUDPv6Property}) {
@@ -432,17 +435,11 @@ TEST(UdpSetup, EachCleanupWrapperReleasesWhatItsSetupAllocated) {
             "parent.allow_interfaces=eth0;parent.deny_multicast_interfaces=eth1,eth2;"
             "public_address=;comm_ports={\"default\": {\"host\": 7400}}",
             PREFIX);
-        Udp record = VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT;
-        Flags flags{};
-        ASSERT_EQ(4,
-                  VESK_Transport_setupUDPv4WanProperty(&record, &flags, properties.get(), PREFIX));
-        EXPECT_STREQ("", record.public_address);  // an empty address is copied too
-        cleanup(&record, &flags);
-        EXPECT_EQ(nullptr, record.public_address);
-        EXPECT_EQ(nullptr, record.comm_ports_list);
-        EXPECT_EQ(nullptr, record.parent.allow_interfaces_list);
-        EXPECT_EQ(nullptr, record.parent.deny_multicast_interfaces_list);
-        EXPECT_EQ(nullptr, record.parent.thread_name_prefix);
+        UdpRecord run;
+        ASSERT_EQ(Outcome(4, {}), setup(WAN_CLASS, run, properties));
+        EXPECT_STREQ("", run.record.public_address);  // an empty address is copied too
+        cleanup(&run.record, &run.allocations);
+        EXPECT_EQ(render(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT), render(run.record));
     }
 }
 
