@@ -634,26 +634,6 @@ TEST(WanProperties, ValuesBecomeTheRecordsMembersOrFail) {
     }
 }
 
-// Any failure after a good "comm_ports" releases the table at once (null,
-// length 0, the flag still set); the public address stays for the cleanup.
-TEST(WanProperties, ALaterFailureReleasesTheTableAndLeavesTheAddress) {
-    for (const char *commPorts : {"7400", EXAMPLE}) {
-        for (size_t i = 24; i < ROWS.size(); ++i) {
-            SCOPED_TRACE(std::string(commPorts) + ", " + ROWS[i].suffix);
-            PropertyList properties;
-            properties.add(PREFIX, "public_address", "203.0.113.5")
-                .add(PREFIX, "comm_ports", commPorts)
-                .add(PREFIX, ROWS[i].suffix, ROWS[i].bad);
-            UdpRecord run;
-            EXPECT_EQ(Outcome(-1, {badMessage(ROWS[i])}), setup(WAN_CLASS, run, properties));
-            EXPECT_EQ(nullptr, run.record.comm_ports_list);
-            EXPECT_EQ(0, run.record.comm_ports_list_length);
-            EXPECT_STREQ("203.0.113.5", run.record.public_address);
-            EXPECT_EQ("0,0,0,0,1,1", renderFlags(run.allocations));
-        }
-    }
-}
-
 // The copies fail in turn: the default thread-name prefix, the public
 // address and the single-port table each have their own message, and
 // nothing is flagged that is not held.
