@@ -56,7 +56,8 @@ Outcome setup(const UdpClass &udpClass, UdpRecord &run, const PropertyList &prop
     const int result =
         udpClass.wrapper != nullptr
             ? udpClass.wrapper(&run.record, &run.allocations, properties.get(), prefix)
-            : run.setup(properties, prefix, udpClass.classid);
+            : VESK_Transport_setupUDPProperty(&run.record, &run.allocations, properties.get(),
+                                              prefix, udpClass.classid);
     return {result, describeAll(log)};
 }
 

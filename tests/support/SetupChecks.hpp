@@ -125,83 +125,74 @@ using Generic = VESK_Transport_Property_t;
         VESK_NUMBER(R, path##_length)
 
 // Every field of each record part, in the record's order.
-inline const std::vector<Field<Generic>> &genericFields() {
-    static const std::vector<Field<Generic>> fields = {
-        VESK_NUMBER(Generic, classid),
-        VESK_NUMBER(Generic, address_bit_count),
-        VESK_NUMBER(Generic, properties_bitmap),
-        VESK_NUMBER(Generic, gather_send_buffer_count_max),
-        VESK_NUMBER(Generic, message_size_max),
-        VESK_LIST(Generic, allow_interfaces_list),
-        VESK_LIST(Generic, deny_interfaces_list),
-        VESK_LIST(Generic, allow_multicast_interfaces_list),
-        VESK_LIST(Generic, deny_multicast_interfaces_list),
-        VESK_FIELD(Generic, transport_uuid, renderBytesOf),
-        VESK_FIELD(Generic, domain_participant_ptr, renderPointer),
-        VESK_FIELD(Generic, domain_participant_forwarder, renderPointer),
-        VESK_FIELD(Generic, thread_name_prefix, renderString),
-        VESK_NUMBER(Generic, max_interface_count)};
-    return fields;
-}
+inline const std::vector<Field<Generic>> GENERIC_FIELDS = {
+    VESK_NUMBER(Generic, classid),
+    VESK_NUMBER(Generic, address_bit_count),
+    VESK_NUMBER(Generic, properties_bitmap),
+    VESK_NUMBER(Generic, gather_send_buffer_count_max),
+    VESK_NUMBER(Generic, message_size_max),
+    VESK_LIST(Generic, allow_interfaces_list),
+    VESK_LIST(Generic, deny_interfaces_list),
+    VESK_LIST(Generic, allow_multicast_interfaces_list),
+    VESK_LIST(Generic, deny_multicast_interfaces_list),
+    VESK_FIELD(Generic, transport_uuid, renderBytesOf),
+    VESK_FIELD(Generic, domain_participant_ptr, renderPointer),
+    VESK_FIELD(Generic, domain_participant_forwarder, renderPointer),
+    VESK_FIELD(Generic, thread_name_prefix, renderString),
+    VESK_NUMBER(Generic, max_interface_count)};
 
-inline const std::vector<Field<Udp>> &udpOwnFields() {
-    static const std::vector<Field<Udp>> fields = {
-        VESK_NUMBER(Udp, send_socket_buffer_size),
-        VESK_NUMBER(Udp, recv_socket_buffer_size),
-        VESK_NUMBER(Udp, unicast_enabled),
-        VESK_NUMBER(Udp, multicast_enabled),
-        VESK_NUMBER(Udp, multicast_ttl),
-        VESK_NUMBER(Udp, multicast_loopback_disabled),
-        VESK_NUMBER(Udp, ignore_loopback_interface),
-        VESK_NUMBER(Udp, ignore_nonup_interfaces),
-        VESK_NUMBER(Udp, ignore_nonrunning_interfaces),
-        VESK_NUMBER(Udp, no_zero_copy),
-        VESK_NUMBER(Udp, send_blocking),
-        VESK_NUMBER(Udp, enable_v4mapped),
-        VESK_NUMBER(Udp, use_checksum),
-        VESK_NUMBER(Udp, transport_priority_mask),
-        VESK_NUMBER(Udp, transport_priority_mapping_low),
-        VESK_NUMBER(Udp, transport_priority_mapping_high),
-        VESK_NUMBER(Udp, send_ping),
-        VESK_NUMBER(Udp, force_interface_poll_detection),
-        VESK_NUMBER(Udp, interface_poll_period),
-        VESK_NUMBER(Udp, reuse_multicast_receive_resource),
-        VESK_NUMBER(Udp, protocol_overhead_max),
-        VESK_NUMBER(Udp, disable_interface_tracking),
-        VESK_NUMBER(Udp, join_multicast_group_timeout),
-        VESK_FIELD(Udp, public_address, renderString),
-        VESK_LIST(Udp, comm_ports_list),
-        VESK_FIELD(Udp, wan_listener, renderPointer),
-        VESK_NUMBER(Udp, port_offset),
-        VESK_NUMBER(Udp, binding_ping_period),
-        VESK_NUMBER(Udp, binding_ping_mapping_expiration),
-        VESK_NUMBER(Udp, gather_detailed_statistics),
-        VESK_NUMBER(Udp, drop_samples_by_guid_prefix),
-        VESK_NUMBER(Udp, guid_prefix_to_drop.hostId),
-        VESK_NUMBER(Udp, guid_prefix_to_drop.appId),
-        VESK_NUMBER(Udp, guid_prefix_to_drop.instanceId)};
-    return fields;
-}
+inline const std::vector<Field<Udp>> UDP_OWN_FIELDS = {
+    VESK_NUMBER(Udp, send_socket_buffer_size),
+    VESK_NUMBER(Udp, recv_socket_buffer_size),
+    VESK_NUMBER(Udp, unicast_enabled),
+    VESK_NUMBER(Udp, multicast_enabled),
+    VESK_NUMBER(Udp, multicast_ttl),
+    VESK_NUMBER(Udp, multicast_loopback_disabled),
+    VESK_NUMBER(Udp, ignore_loopback_interface),
+    VESK_NUMBER(Udp, ignore_nonup_interfaces),
+    VESK_NUMBER(Udp, ignore_nonrunning_interfaces),
+    VESK_NUMBER(Udp, no_zero_copy),
+    VESK_NUMBER(Udp, send_blocking),
+    VESK_NUMBER(Udp, enable_v4mapped),
+    VESK_NUMBER(Udp, use_checksum),
+    VESK_NUMBER(Udp, transport_priority_mask),
+    VESK_NUMBER(Udp, transport_priority_mapping_low),
+    VESK_NUMBER(Udp, transport_priority_mapping_high),
+    VESK_NUMBER(Udp, send_ping),
+    VESK_NUMBER(Udp, force_interface_poll_detection),
+    VESK_NUMBER(Udp, interface_poll_period),
+    VESK_NUMBER(Udp, reuse_multicast_receive_resource),
+    VESK_NUMBER(Udp, protocol_overhead_max),
+    VESK_NUMBER(Udp, disable_interface_tracking),
+    VESK_NUMBER(Udp, join_multicast_group_timeout),
+    VESK_FIELD(Udp, public_address, renderString),
+    VESK_LIST(Udp, comm_ports_list),
+    VESK_FIELD(Udp, wan_listener, renderPointer),
+    VESK_NUMBER(Udp, port_offset),
+    VESK_NUMBER(Udp, binding_ping_period),
+    VESK_NUMBER(Udp, binding_ping_mapping_expiration),
+    VESK_NUMBER(Udp, gather_detailed_statistics),
+    VESK_NUMBER(Udp, drop_samples_by_guid_prefix),
+    VESK_NUMBER(Udp, guid_prefix_to_drop.hostId),
+    VESK_NUMBER(Udp, guid_prefix_to_drop.appId),
+    VESK_NUMBER(Udp, guid_prefix_to_drop.instanceId)};
 
-inline const std::vector<Field<Shmem>> &shmemOwnFields() {
-    static const std::vector<Field<Shmem>> fields = {
-        VESK_NUMBER(Shmem, received_message_count_max),
-        VESK_NUMBER(Shmem, receive_buffer_size),
-        VESK_NUMBER(Shmem, enable_udp_debugging),
-        VESK_FIELD(Shmem, udp_debugging_address, renderBytesOf),
-        VESK_NUMBER(Shmem, udp_debugging_port),
-        VESK_NUMBER(Shmem, segmentKeyOffset),
-        VESK_NUMBER(Shmem, segmentKeyFactor),
-        VESK_NUMBER(Shmem, semaphoreKeyOffset),
-        VESK_NUMBER(Shmem, semaphoreKeyFactor),
-        VESK_NUMBER(Shmem, mutexKeyOffset),
-        VESK_NUMBER(Shmem, mutexKeyFactor),
-        VESK_NUMBER(Shmem, maxAllowedWriterDurationMillisec),
-        VESK_NUMBER(Shmem, reserved),
-        VESK_FIELD(Shmem, shmemUUID, renderBytesOf),
-        VESK_NUMBER(Shmem, majorVersion)};
-    return fields;
-}
+inline const std::vector<Field<Shmem>> SHMEM_OWN_FIELDS = {
+    VESK_NUMBER(Shmem, received_message_count_max),
+    VESK_NUMBER(Shmem, receive_buffer_size),
+    VESK_NUMBER(Shmem, enable_udp_debugging),
+    VESK_FIELD(Shmem, udp_debugging_address, renderBytesOf),
+    VESK_NUMBER(Shmem, udp_debugging_port),
+    VESK_NUMBER(Shmem, segmentKeyOffset),
+    VESK_NUMBER(Shmem, segmentKeyFactor),
+    VESK_NUMBER(Shmem, semaphoreKeyOffset),
+    VESK_NUMBER(Shmem, semaphoreKeyFactor),
+    VESK_NUMBER(Shmem, mutexKeyOffset),
+    VESK_NUMBER(Shmem, mutexKeyFactor),
+    VESK_NUMBER(Shmem, maxAllowedWriterDurationMillisec),
+    VESK_NUMBER(Shmem, reserved),
+    VESK_FIELD(Shmem, shmemUUID, renderBytesOf),
+    VESK_NUMBER(Shmem, majorVersion)};
 
 #undef VESK_FIELD
 #undef VESK_NUMBER
@@ -213,11 +204,11 @@ template <typename Record>
 Rendered render(const Record &record) {
     Rendered out;
     const Generic &parent = reinterpret_cast<const Generic &>(record);
-    for (const auto &field : genericFields()) out.emplace_back(field.name, field.render(parent));
+    for (const auto &field : GENERIC_FIELDS) out.emplace_back(field.name, field.render(parent));
     if constexpr (std::is_same_v<Record, Udp>) {
-        for (const auto &field : udpOwnFields()) out.emplace_back(field.name, field.render(record));
+        for (const auto &field : UDP_OWN_FIELDS) out.emplace_back(field.name, field.render(record));
     } else if constexpr (std::is_same_v<Record, Shmem>) {
-        for (const auto &field : shmemOwnFields()) {
+        for (const auto &field : SHMEM_OWN_FIELDS) {
             out.emplace_back(field.name, field.render(record));
         }
     }
@@ -272,12 +263,6 @@ struct UdpRecord {
     ~UdpRecord() { VESK_Transport_cleanupUDPProperty(&record, &allocations); }
     UdpRecord(const UdpRecord &) = delete;
     UdpRecord &operator=(const UdpRecord &) = delete;
-
-    int setup(const PropertyList &properties, const char *prefix,
-              VESK_Transport_ClassId_t classid) {
-        return VESK_Transport_setupUDPProperty(&record, &allocations, properties.get(), prefix,
-                                               classid);
-    }
 };
 
 struct ShmemRecord {
