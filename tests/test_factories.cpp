@@ -25,30 +25,29 @@ using Address = VESK_Transport_Address_t;
 constexpr const char *PREFIX = "dds.transport.UDPv4.builtin";
 constexpr const char *SHMEM_CREATE = "VESK_Transport_Shmem_create";
 
+// The prefixed factory (which every message names), the short form, the
+// defaults, and a property that the constructor refuses.
 struct Factory {
-    const char *name;  // the prefixed factory, which every message names
+    std::string cls;  // "UDPv4": VESK_Transport_UDPv4_create_from_properties_with_prefix, ...
     VESK_Transport_Plugin *(*prefixed)(Address *, const DDS_PropertyQosPolicy *, const char *);
     VESK_Transport_Plugin *(*shortForm)(Address *, const DDS_PropertyQosPolicy *);
     const Udp *defaults;
-    const char *creationFailure;
-    Class cls;
-    const char *constructor;
-    const char *refused;  // a property that the constructor refuses
+    Class sweep;
+    const char *refused;
+    std::string name() const {
+        return "VESK_Transport_" + cls + "_create_from_properties_with_prefix";
+    }
+    std::string constructor() const { return "VESK_Transport_" + cls + "_newI"; }
 };
 
 const Factory FACTORIES[] = {
-    {"VESK_Transport_UDPv4_create_from_properties_with_prefix",
-     VESK_Transport_UDPv4_create_from_properties_with_prefix, VESK_Transport_UDPv4_create,
-     &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, "UDPv4 Transport: Properties not properly set",
-     Class::udpv4, "VESK_Transport_UDPv4_newI", "parent.message_size_max=65508"},
-    {"VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix",
-     VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix, VESK_Transport_UDPv4_WAN_create,
-     &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT, "UDPv4_WAN Transport: Properties not properly set",
-     Class::udpv4Wan, "VESK_Transport_UDPv4_WAN_newI", "port_offset=-1"},
-    {"VESK_Transport_UDPv6_create_from_properties_with_prefix",
-     VESK_Transport_UDPv6_create_from_properties_with_prefix, VESK_Transport_UDPv6_create,
-     &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT, "UDPv6 Transport: Properties not properly set",
-     Class::udpv6, "VESK_Transport_UDPv6_newI", "parent.message_size_max=65488"},
+    {"UDPv4", VESK_Transport_UDPv4_create_from_properties_with_prefix, VESK_Transport_UDPv4_create,
+     &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, Class::udpv4, "parent.message_size_max=65508"},
+    {"UDPv4_WAN", VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix,
+     VESK_Transport_UDPv4_WAN_create, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT, Class::udpv4Wan,
+     "port_offset=-1"},
+    {"UDPv6", VESK_Transport_UDPv6_create_from_properties_with_prefix, VESK_Transport_UDPv6_create,
+     &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT, Class::udpv6, "parent.message_size_max=65488"},
 };
 
 // A row: the factory called with the caller's address (a pattern no factory
@@ -59,7 +58,7 @@ struct Row {
     std::function<VESK_Transport_Plugin *(Address *)> create;
     Rendered record;  // empty: null expected
     std::vector<std::string> messages = {};
-    const char *constructor = nullptr;
+    std::string constructor = {};
 };
 
 template <typename Record>
@@ -74,7 +73,7 @@ void expectRows(const std::vector<Row> &rows) {
             LogCapture log;
             const PluginPtr plugin(row.create(&address));
             EXPECT_EQ(row.record, plugin ? render(recordOf<Record>(plugin)) : Rendered{});
-            if (row.constructor == nullptr) {
+            if (row.constructor.empty()) {
                 EXPECT_EQ(row.messages, describeAll(log));
             } else {
                 ASSERT_FALSE(log.entries().empty());  // the constructor says why
@@ -166,11 +165,12 @@ TEST(UdpFactory, EachFormAndEachFailureOfEveryClass) {
     const std::string unknown = error(VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {"port_offset"});
     const std::string inconsistent = error(UDP_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {""});
     for (const Factory &f : FACTORIES) {
-        SCOPED_TRACE(f.name);
+        SCOPED_TRACE(f.cls);
         const PropertyList refused(held + f.refused, PREFIX);
         const Rendered defaults = render(withDefaultThreadName(*f.defaults));
-        const std::string failed = error(f.name, "KEL_LOG_CREATION_FAILURE_s", {f.creationFailure});
-        const bool wan = f.cls == Class::udpv4Wan;
+        const std::string failed = error(f.name(), "KEL_LOG_CREATION_FAILURE_s",
+                                         {f.cls + " Transport: Properties not properly set"});
+        const bool wan = f.sweep == Class::udpv4Wan;
         expectRows<Udp>({
             {"prefix", [&](Address *a) { return f.prefixed(a, prefixed.get(), PREFIX); },
              with(defaults, changed)},
@@ -188,7 +188,7 @@ TEST(UdpFactory, EachFormAndEachFailureOfEveryClass) {
              [&](Address *a) { return f.prefixed(a, refused.get(), PREFIX); },
              {},
              {},
-             f.constructor},
+             f.constructor()},
             {"WAN name, short form", [&](Address *a) { return f.shortForm(a, wanName.get()); },
              wan ? with(defaults, {{"port_offset", "10"}}) : Rendered{},
              wan ? std::vector<std::string>{} : std::vector{unknown, inconsistent, failed}},
@@ -286,7 +286,7 @@ TEST(ValueTable, EachSuffixIsInTheListItsRowNames) {
 // precondition failure; the last message is the factory's one creation
 // failure, or the constructor's with none of the factory.
 template <typename Create>
-void sweepFactory(Create create, const char *factoryFunction, const char *constructor,
+void sweepFactory(Create create, const std::string &factoryFunction, const std::string &constructor,
                   long minimumPoints) {
     struct Outcome {
         PluginPtr plugin;
@@ -326,15 +326,15 @@ void sweepFactory(Create create, const char *factoryFunction, const char *constr
 TEST(FactorySweep, EveryFactoryWithEveryProperty) {
     for (const Factory &factory : FACTORIES) {
         for (const char *prefix : {static_cast<const char *>(nullptr), PREFIX}) {
-            SCOPED_TRACE(std::string(factory.name) + (prefix ? " with prefix" : ""));
+            SCOPED_TRACE(factory.cls + (prefix ? " with prefix" : ""));
             PropertyList properties;
-            properties.addEvery(factory.cls, prefix);
+            properties.addEvery(factory.sweep, prefix);
             sweepFactory([&] { return factory.prefixed(nullptr, properties.get(), prefix); },
-                         factory.name, factory.constructor, 20);
+                         factory.name(), factory.constructor(), 20);
         }
         const PropertyList empty;
-        sweepFactory([&] { return factory.shortForm(nullptr, empty.get()); }, factory.name,
-                     factory.constructor, 2);
+        sweepFactory([&] { return factory.shortForm(nullptr, empty.get()); }, factory.name(),
+                     factory.constructor(), 2);
     }
     PropertyList properties;
     properties.addEvery(Class::shmem);

@@ -433,45 +433,40 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
 // name, never under the prefix) and counted once unless the setup failed
 // before it.
 TEST(ShmemSetup, TheGenericPartAndValidationComeBeforeTheSettings) {
-    const std::string parent =
-        error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"});
-    const auto unknown = [](const char *name, KEL_UINT32 level = KEL_LOG_BIT_ERROR) {
-        return message(level, VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {name});
+    const auto parentFails = [](const char *name, const char *value) {
+        return Messages{error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {name, value}),
+                        error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"})};
     };
-    const auto inconsistent = [](const char *prefix) {
-        return error(SHMEM_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix});
+    const auto unknown = [](const std::string &name, const std::string &prefix = "") {
+        return Messages{error(VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {name}),
+                        error(SHMEM_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix})};
     };
-    const std::string builtin = "prefix=dds.transport.shmem.builtin;";
+    const std::string shm = "dds.transport.shmem.builtin", builtin = "prefix=" + shm + ";";
     const std::vector<std::tuple<std::string, int, Messages>> cases = {
-        {"parent.classid=nope",
-         -1,
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"parent.classid", "nope"}), parent}},
+        {"parent.classid=nope", -1, parentFails("parent.classid", "nope")},
         // The generic part comes before validation: an unknown name is not
         // reported then.
-        {"bogus=1;parent.max_interface_count=many",
-         -1,
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"parent.max_interface_count", "many"}),
-          parent}},
+        {"bogus=1;parent.max_interface_count=many", -1,
+         parentFails("parent.max_interface_count", "many")},
         {ACTION + "=sometimes",
          -1,
          {error("DDS_PropertyQosPolicy_parse_property_validation_action",
                 "KEL_LOG_PARSER_FAILURE_ss", {ACTION, "sometimes"}),
           error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"property_validation_action"})}},
-        {"bogus=1", -1, {unknown("bogus"), inconsistent("")}},
-        {"bogus=1;" + ACTION + "=EXCEPTION", -1, {unknown("bogus"), inconsistent("")}},
+        {"bogus=1", -1, unknown("bogus")},
+        {"bogus=1;" + ACTION + "=EXCEPTION", -1, unknown("bogus")},
         // Names of the UDP classes are not the shared-memory transport's.
-        {"send_socket_buffer_size=1", -1, {unknown("send_socket_buffer_size"), inconsistent("")}},
-        {"public_address=1.2.3.4", -1, {unknown("public_address"), inconsistent("")}},
-        {builtin + "dds.transport.shmem.builtin.bogus=1",
-         -1,
-         {unknown("dds.transport.shmem.builtin.bogus"),
-          inconsistent("dds.transport.shmem.builtin")}},
-        {"bogus=1;" + ACTION + "=WARNING", 1, {unknown("bogus", KEL_LOG_BIT_WARN)}},
+        {"send_socket_buffer_size=1", -1, unknown("send_socket_buffer_size")},
+        {"public_address=1.2.3.4", -1, unknown("public_address")},
+        {builtin + shm + ".bogus=1", -1, unknown(shm + ".bogus", shm)},
+        {"bogus=1;" + ACTION + "=WARNING",
+         1,
+         {message(KEL_LOG_BIT_WARN, VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {"bogus"})}},
         {"bogus=1;" + ACTION + "=skip", 1, {}},
         {"bogus=1;" + ACTION + "=DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP", 1, {}},
         // "prefix" counts once; names outside it are not tested.
         {builtin + "bogus=1", 2, {}},
-        {builtin + "dds.transport.shmem.builtin.received_message_count_max=9", 2, {}},
+        {builtin + shm + ".received_message_count_max=9", 2, {}},
         // "p.host_id" passes validation but is not read.
         {"prefix=p.;p.host_id=9;bogus=1", 2, {}},
         {"prefix=;host_id=9", 3, {}},
