@@ -1,13 +1,13 @@
-// The builtin factories: the default records, plugins built from property
-// lists, the messages of a bad property, a constructor that refuses the
-// record, the caller's address, and every allocation failing in turn.
+// The builtin factories: the default records, the plugin of a list in every
+// form, one row per way a factory fails (a failed setup, a refusing
+// constructor), the caller's address, and every allocation failing in turn.
+// What the setups read and refuse is tested with the setups.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
-#include <optional>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,57 +20,72 @@
 namespace {
 
 using namespace vesk::test;
+using Address = VESK_Transport_Address_t;
 
 constexpr const char *PREFIX = "dds.transport.UDPv4.builtin";
 constexpr const char *SHMEM_CREATE = "VESK_Transport_Shmem_create";
-using Prefixed = VESK_Transport_Plugin *(*)(VESK_Transport_Address_t *,
-                                            const DDS_PropertyQosPolicy *, const char *);
-using Short = VESK_Transport_Plugin *(*)(VESK_Transport_Address_t *, const DDS_PropertyQosPolicy *);
 
+// The prefixed factory (which every message names), the short form, the
+// defaults, and a property that the constructor refuses.
 struct Factory {
-    const char *name;  // the prefixed factory, which every message names
-    Prefixed prefixed;
-    Short shortForm;
+    std::string cls;  // "UDPv4": VESK_Transport_UDPv4_create_from_properties_with_prefix, ...
+    VESK_Transport_Plugin *(*prefixed)(Address *, const DDS_PropertyQosPolicy *, const char *);
+    VESK_Transport_Plugin *(*shortForm)(Address *, const DDS_PropertyQosPolicy *);
     const Udp *defaults;
-    const char *creationFailure;
-    VESK_Transport_ClassId_t classid;
-    Class cls;
-    const char *constructor;
+    Class sweep;
+    const char *refused;
+    std::string name() const {
+        return "VESK_Transport_" + cls + "_create_from_properties_with_prefix";
+    }
+    std::string constructor() const { return "VESK_Transport_" + cls + "_newI"; }
 };
 
 const Factory FACTORIES[] = {
-    {"VESK_Transport_UDPv4_create_from_properties_with_prefix",
-     VESK_Transport_UDPv4_create_from_properties_with_prefix, VESK_Transport_UDPv4_create,
-     &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, "UDPv4 Transport: Properties not properly set", 1,
-     Class::udpv4, "VESK_Transport_UDPv4_newI"},
-    {"VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix",
-     VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix, VESK_Transport_UDPv4_WAN_create,
-     &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT, "UDPv4_WAN Transport: Properties not properly set",
-     0x01000001, Class::udpv4Wan, "VESK_Transport_UDPv4_WAN_newI"},
-    {"VESK_Transport_UDPv6_create_from_properties_with_prefix",
-     VESK_Transport_UDPv6_create_from_properties_with_prefix, VESK_Transport_UDPv6_create,
-     &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT, "UDPv6 Transport: Properties not properly set", 2,
-     Class::udpv6, "VESK_Transport_UDPv6_newI"},
+    {"UDPv4", VESK_Transport_UDPv4_create_from_properties_with_prefix, VESK_Transport_UDPv4_create,
+     &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT, Class::udpv4, "parent.message_size_max=65508"},
+    {"UDPv4_WAN", VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix,
+     VESK_Transport_UDPv4_WAN_create, &VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT, Class::udpv4Wan,
+     "port_offset=-1"},
+    {"UDPv6", VESK_Transport_UDPv6_create_from_properties_with_prefix, VESK_Transport_UDPv6_create,
+     &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT, Class::udpv6, "parent.message_size_max=65488"},
 };
 
-std::string creationFailure(const Factory &factory) {
-    return error(factory.name, "KEL_LOG_CREATION_FAILURE_s", {factory.creationFailure});
-}
+// A row: the factory called with the caller's address (a pattern no factory
+// may touch), and the record of the plugin it gives, or none; then exactly
+// these messages, or only messages of the constructor that refused.
+struct Row {
+    const char *name;
+    std::function<VESK_Transport_Plugin *(Address *)> create;
+    Rendered record;  // empty: null expected
+    std::vector<std::string> messages = {};
+    std::string constructor = {};
+};
 
-const std::string SHMEM_CREATION_FAILURE =
-    error(SHMEM_CREATE, "KEL_LOG_CREATION_FAILURE_s",
-          {"Shared Memory Transport: Properties not properly set"});
-
-// A caller's address with a pattern, to see that no factory touches it.
-struct CallersAddress {
-    VESK_Transport_Address_t address;
-    CallersAddress() { std::memset(&address, 0xAB, sizeof address); }
-    bool untouched() const {
-        VESK_Transport_Address_t pattern;
+template <typename Record>
+void expectRows(const std::vector<Row> &rows) {
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        Address address, pattern;
+        std::memset(&address, 0xAB, sizeof address);
         std::memset(&pattern, 0xAB, sizeof pattern);
-        return std::memcmp(&pattern, &address, sizeof address) == 0;
+        const KEL_UINT64 blocks = liveHeapBlocks();
+        {
+            LogCapture log;
+            const PluginPtr plugin(row.create(&address));
+            EXPECT_EQ(row.record, plugin ? render(recordOf<Record>(plugin)) : Rendered{});
+            if (row.constructor.empty()) {
+                EXPECT_EQ(row.messages, describeAll(log));
+            } else {
+                ASSERT_FALSE(log.entries().empty());  // the constructor says why
+                for (const LogEntry &entry : log.entries()) {
+                    EXPECT_EQ(row.constructor, entry.function) << entry.text;
+                }
+            }
+        }
+        EXPECT_EQ(0, std::memcmp(&pattern, &address, sizeof address));
+        EXPECT_EQ(blocks, liveHeapBlocks());  // the plugin's copies went with it
     }
-};
+}
 
 // ---------------------------------------------------------------------------
 // The default records: the documented value of every field
@@ -124,280 +139,107 @@ TEST(Defaults, EveryFieldOfTheRecords) {
 }
 
 // ---------------------------------------------------------------------------
-// UDP factories
+// One row per form of a factory and per way it fails
 // ---------------------------------------------------------------------------
 
-TEST(UdpFactory, AnEmptyListBuildsThePluginOfTheDefaultsWhicheverForm) {
-    for (const Factory &factory : FACTORIES) {
-        SCOPED_TRACE(factory.name);
-        PropertyList properties;
-        CallersAddress callers;
-        for (int form = 0; form < 4; ++form) {
-            SCOPED_TRACE(form);
-            LogCapture log;
-            const KEL_UINT64 blocks = liveHeapBlocks();
-            {
-                PluginPtr plugin(
-                    form == 0   ? factory.prefixed(&callers.address, properties.get(), PREFIX)
-                    : form == 1 ? factory.prefixed(&callers.address, properties.get(), nullptr)
-                    : form == 2 ? factory.shortForm(&callers.address, properties.get())
-                                : factory.prefixed(nullptr, properties.get(), PREFIX));
-                ASSERT_NE(nullptr, plugin);
-                EXPECT_EQ(render(withDefaultThreadName(*factory.defaults)),
-                          render(recordOf<Udp>(plugin)));
-            }
-            EXPECT_TRUE(log.entries().empty());
-            EXPECT_TRUE(callers.untouched());
-            EXPECT_EQ(blocks, liveHeapBlocks());
-        }
+// The same list reaches the plugin under the prefix, under no prefix and
+// through the short form. A failed setup: its messages, then the factory's
+// one creation failure, and what the setup allocated before it failed is
+// released. A refusing constructor: its messages only. The short form is the
+// null prefix, validated against the class's own names: only the WAN class
+// knows "port_offset" there.
+TEST(UdpFactory, EachFormAndEachFailureOfEveryClass) {
+    const std::string list =
+        "parent.allow_interfaces_list=eth0, 10.0.0.1;parent.thread_name_prefix=worker;"
+        "parent.message_size_max=1200;multicast_ttl=8";
+    const Rendered changed =
+        pairs(R"(allow_interfaces_list=["eth0","10.0.0.1"];allow_interfaces_list_length=2;)"
+              R"(thread_name_prefix="worker";message_size_max=1200;multicast_ttl=8)");
+    const std::string held =
+        "parent.allow_interfaces=eth0,eth1;parent.thread_name_prefix=abc;"
+        "public_address=203.0.113.5;comm_ports=7400;";
+    const PropertyList prefixed(list, PREFIX), plain(list), empty,
+        wanName("port_offset=10;prefix="), bad(held + "gather_detailed_statistics=all", PREFIX);
+    const std::string parser =
+        error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"gather_detailed_statistics", "all"});
+    const std::string unknown = error(VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {"port_offset"});
+    const std::string inconsistent = error(UDP_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {""});
+    for (const Factory &f : FACTORIES) {
+        SCOPED_TRACE(f.cls);
+        const PropertyList refused(held + f.refused, PREFIX);
+        const Rendered defaults = render(withDefaultThreadName(*f.defaults));
+        const std::string failed = error(f.name(), "KEL_LOG_CREATION_FAILURE_s",
+                                         {f.cls + " Transport: Properties not properly set"});
+        const bool wan = f.sweep == Class::udpv4Wan;
+        expectRows<Udp>({
+            {"prefix", [&](Address *a) { return f.prefixed(a, prefixed.get(), PREFIX); },
+             with(defaults, changed)},
+            {"null prefix", [&](Address *a) { return f.prefixed(a, plain.get(), nullptr); },
+             with(defaults, changed)},
+            {"short form", [&](Address *a) { return f.shortForm(a, plain.get()); },
+             with(defaults, changed)},
+            {"empty, no address",
+             [&](Address *) { return f.prefixed(nullptr, empty.get(), PREFIX); }, defaults},
+            {"bad value",
+             [&](Address *a) { return f.prefixed(a, bad.get(), PREFIX); },
+             {},
+             {parser, failed}},
+            {"refused",
+             [&](Address *a) { return f.prefixed(a, refused.get(), PREFIX); },
+             {},
+             {},
+             f.constructor()},
+            {"WAN name, short form", [&](Address *a) { return f.shortForm(a, wanName.get()); },
+             wan ? with(defaults, {{"port_offset", "10"}}) : Rendered{},
+             wan ? std::vector<std::string>{} : std::vector{unknown, inconsistent, failed}},
+        });
     }
-}
-
-TEST(UdpFactory, PropertiesUnderThePrefixReachThePlugin) {
-    for (const Factory &factory : FACTORIES) {
-        SCOPED_TRACE(factory.name);
-        PropertyList properties;
-        properties.add(PREFIX, "parent.allow_interfaces_list", "eth0, 10.0.0.1")
-            .add(PREFIX, "parent.thread_name_prefix", "worker")
-            .add(PREFIX, "parent.message_size_max", "1200")
-            .add(PREFIX, "multicast_ttl", "8")
-            .add(PREFIX, "public_address", "203.0.113.5")
-            .add(PREFIX, "comm_ports", R"({"default": {"host": 7400}, "mappings": [{"rtps": 1}]})")
-            .add("dds.transport.UDPv6.builtin.port_offset", "9");  // another transport's
-        LogCapture log;
-        PluginPtr plugin(factory.prefixed(nullptr, properties.get(), PREFIX));
-        ASSERT_NE(nullptr, plugin);
-        Udp expected = withDefaultThreadName(*factory.defaults);
-        char *interfaces[] = {const_cast<char *>("eth0"), const_cast<char *>("10.0.0.1")};
-        expected.parent.allow_interfaces_list = interfaces;
-        expected.parent.allow_interfaces_list_length = 2;
-        expected.parent.thread_name_prefix = const_cast<char *>("worker");
-        expected.parent.message_size_max = 1200;
-        expected.multicast_ttl = 8;
-        expected.public_address = const_cast<char *>("203.0.113.5");
-        VESK_Transport_UDP_WAN_CommPortsMappingInfo ports[] = {{0, 7400, 7400, 0}, {1, 0, 0, 0}};
-        expected.comm_ports_list = ports;
-        expected.comm_ports_list_length = 2;
-        EXPECT_EQ(render(expected), render(recordOf<Udp>(plugin)));
-        EXPECT_TRUE(log.entries().empty());
-    }
-}
-
-// A bad property: null, the setup's messages, then exactly one creation
-// failure of the factory; the caller's address untouched and nothing
-// leaked, also what the setup had allocated before the bad property.
-TEST(UdpFactory, ABadPropertyGivesTheSetupMessagesThenOneCreationFailure) {
-    struct Case {
-        std::vector<PropertyList::NameValue> properties;  // suffix, value
-        std::vector<std::string> setupMessages;
-    };
-    const std::vector<Case> cases = {
-        {{{"parent.classid", "udp"}},
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"parent.classid", "udp"}),
-          error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"})}},
-        {{{"parent.allow_interfaces", "eth0,eth1"},
-          {"parent.thread_name_prefix", "abc"},
-          {"public_address", "203.0.113.5"},
-          {"comm_ports", "7400"},
-          {"gather_detailed_statistics", "all"}},
-         {error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"gather_detailed_statistics", "all"})}},
-    };
-    for (const Factory &factory : FACTORIES) {
-        for (const Case &c : cases) {
-            SCOPED_TRACE(std::string(factory.name) + ": " + c.properties.back().first);
-            PropertyList properties;
-            for (const auto &[suffix, value] : c.properties) properties.add(PREFIX, suffix, value);
-            CallersAddress callers;
-            LogCapture log;
-            const KEL_UINT64 blocks = liveHeapBlocks();
-            EXPECT_EQ(nullptr, factory.prefixed(&callers.address, properties.get(), PREFIX));
-            std::vector<std::string> expected = c.setupMessages;
-            expected.push_back(creationFailure(factory));
-            EXPECT_EQ(expected, describeAll(log));
-            EXPECT_TRUE(callers.untouched());
-            EXPECT_EQ(blocks, liveHeapBlocks());
-        }
-    }
-}
-
-// The short form is the null prefix: its list is validated against the
-// class's own names, where only the WAN class knows the WAN properties.
-TEST(UdpFactory, TheShortFormsValidateAgainstTheirClassLists) {
-    for (const Factory &factory : FACTORIES) {
-        SCOPED_TRACE(factory.name);
-        PropertyList properties{{"port_offset", "10"}, {"prefix", ""}};
-        LogCapture log;
-        PluginPtr plugin(factory.shortForm(nullptr, properties.get()));
-        if (factory.classid == 0x01000001) {
-            ASSERT_NE(nullptr, plugin);
-            EXPECT_EQ(10, recordOf<Udp>(plugin).port_offset);
-            EXPECT_TRUE(log.entries().empty());
-        } else {
-            EXPECT_EQ(nullptr, plugin);
-            EXPECT_EQ((std::vector<std::string>{
-                          error(VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {"port_offset"}),
-                          error(UDP_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {""}),
-                          creationFailure(factory)}),
-                      describeAll(log));
-        }
-    }
-}
-
-// A record the constructor refuses (a message that does not fit one
-// datagram with its overhead; a negative WAN port offset): null, no
-// creation failure of the factory, and what the setup allocated released.
-TEST(UdpFactory, AConstructorFailureGivesNullWithoutAFactoryMessage) {
-    const std::vector<std::pair<int, PropertyList::NameValue>> cases = {
-        {0, {"parent.message_size_max", "65508"}},
-        {1, {"port_offset", "-1"}},
-        {1, {"parent.message_size_max", "65508"}},
-        {2, {"parent.message_size_max", "65488"}},
-    };
-    for (const auto &[index, property] : cases) {
-        const Factory &factory = FACTORIES[index];
-        SCOPED_TRACE(std::string(factory.name) + ": " + property.first);
-        PropertyList properties;
-        properties.add(PREFIX, property.first, property.second)
-            .add(PREFIX, "parent.allow_interfaces", "eth0,eth1")
-            .add(PREFIX, "public_address", "203.0.113.5")
-            .add(PREFIX, "comm_ports", "7400");
-        LogCapture log;
-        const KEL_UINT64 blocks = liveHeapBlocks();
-        EXPECT_EQ(nullptr, factory.prefixed(nullptr, properties.get(), PREFIX));
-        EXPECT_EQ(blocks, liveHeapBlocks());
-        const auto entries = log.entries();
-        ASSERT_FALSE(entries.empty());  // the constructor says why
-        for (const auto &entry : entries) EXPECT_EQ(factory.constructor, entry.function);
-    }
-}
-
-// ---------------------------------------------------------------------------
-// The shared-memory factory
-// ---------------------------------------------------------------------------
-
-// The default shared-memory address: class id 0x01000000, the host id,
-// then app and instance id 0, each in network order.
-std::string generatedAddress(KEL_UINT32 hostId) {
-    const unsigned char bytes[16] = {1,
-                                     0,
-                                     0,
-                                     0,
-                                     static_cast<unsigned char>(hostId >> 24),
-                                     static_cast<unsigned char>(hostId >> 16),
-                                     static_cast<unsigned char>(hostId >> 8),
-                                     static_cast<unsigned char>(hostId)};
-    return renderBytes(bytes, sizeof bytes);
 }
 
 // The plugin keeps its own copy of the record, with the format version for
 // the minimum and the address from "host_id" only: without a wire-protocol
-// policy the host's identity is never consulted.
-TEST(ShmemFactory, ThePluginHoldsTheRecordOfTheList) {
-    struct Case {
-        std::vector<PropertyList::NameValue> properties;
-        int robust;
-        std::optional<DDS_ProductVersion_t> minimum;
-        std::vector<std::pair<std::string, std::string>> changed;  // besides the prefix
+// policy the host's identity is never consulted. Failures as for UDP.
+TEST(ShmemFactory, EachListAndEachFailure) {
+    const PropertyList empty, hostId("host_id=0x0A0B0C0D"),
+        listed(
+            "parent.allow_interfaces_list=shm0, shm1;received_message_count_max=32;"
+            "enable_udp_debugging=true;udp_debugging_address=127.0.0.5;udp_debugging_port=7500");
+    const std::string held =
+        "parent.allow_interfaces_list=shm0,shm1;parent.deny_multicast_interfaces_list=shm2;"
+        "parent.thread_name_prefix=shm;enable_udp_debugging=true;";
+    const PropertyList bad(held + "received_message_count_max=many"),
+        refused(held + "segmentKeyFactor=0");
+    const DDS_ProductVersion_t minimum = {6, 1, 0, 0};
+    const auto create = [](const PropertyList &list,
+                           const DDS_ProductVersion_t *version = nullptr) {
+        return [&list, version](Address *a) {
+            return VESK_Transport_Shmem_create(a, list.get(), version);
+        };
     };
-    const std::vector<Case> cases = {
-        {{}, 0, std::nullopt, {{"shmemUUID", generatedAddress(0)}}},
-        {{},
-         0,
-         DDS_ProductVersion_t{6, 1, 0, 0},
-         {{"shmemUUID", generatedAddress(0)}, {"majorVersion", "4"}}},
-        {{{"parent.allow_interfaces_list", "shm0, shm1"},
-          {"received_message_count_max", "32"},
-          {"enable_udp_debugging", "true"},
-          {"udp_debugging_address", "127.0.0.5"},
-          {"udp_debugging_port", "7500"}},
-         0,
-         std::nullopt,
-         {{"allow_interfaces_list", "[\"shm0\",\"shm1\"]"},
-          {"allow_interfaces_list_length", "2"},
-          {"received_message_count_max", "32"},
-          {"enable_udp_debugging", "1"},
-          {"udp_debugging_address", "0000000000000000000000007f000005"},
-          {"udp_debugging_port", "7500"},
-          {"shmemUUID", generatedAddress(0)}}},
-    };
+    const Rendered defaults =
+        with(render(withDefaultThreadName(VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT)),
+             {{"shmemUUID", "01000000000000000000000000000000"}});
     const UniqueIdOverride hostIdentity({0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7, 0xa8, 0xa9,
                                          0xaa, 0xab, 0xac, 0xad, 0xae, 0xaf});
-    for (const Case &c : cases) {
-        SCOPED_TRACE(&c - cases.data());
-        ForcedRobustMutex forced(c.robust);
-        PropertyList properties(c.properties);
-        const DDS_ProductVersion_t minimum = c.minimum.value_or(DDS_ProductVersion_t{});
-        CallersAddress callers;
-        LogCapture log;
-        const KEL_UINT64 blocks = liveHeapBlocks();
-        {
-            PluginPtr plugin(VESK_Transport_Shmem_create(&callers.address, properties.get(),
-                                                         c.minimum ? &minimum : nullptr));
-            ASSERT_NE(nullptr, plugin);
-            Rendered expected =
-                render(withDefaultThreadName(VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT));
-            for (auto &[name, value] : expected) {
-                for (const auto &[changedName, changedValue] : c.changed) {
-                    if (name == changedName) value = changedValue;
-                }
-            }
-            EXPECT_EQ(expected, render(recordOf<Shmem>(plugin)));
-        }
-        EXPECT_TRUE(log.entries().empty());
-        EXPECT_TRUE(callers.untouched());
-        EXPECT_EQ(blocks, liveHeapBlocks());
-    }
-}
-
-// A failed setup: its messages, then one creation failure. A record that
-// the transport refuses: only the transport's message. Either way null,
-// the caller's address untouched, the setup's allocations released.
-TEST(ShmemFactory, FailuresReturnNullAndReleaseTheLists) {
-    struct Case {
-        PropertyList::NameValue property;
-        std::vector<std::string> messages;
-    };
-    const auto refused = [](const std::string &reason) {
-        return std::vector<std::string>{error("VESK_Transport_Shmem_newI",
-                                              "KEL_LOG_CREATION_FAILURE_s",
-                                              {"SHMEM transport: " + reason})};
-    };
-    const std::vector<Case> cases = {
-        {{"received_message_count_max", "many"},
+    ForcedRobustMutex forced(0);
+    expectRows<Shmem>({
+        {"empty", create(empty), defaults},
+        {"minimum", create(empty, &minimum), with(defaults, {{"majorVersion", "4"}})},
+        {"host_id", create(hostId),
+         with(defaults, {{"shmemUUID", "010000000a0b0c0d0000000000000000"}})},
+        {"settings", create(listed),
+         with(defaults,
+              pairs(R"(allow_interfaces_list=["shm0","shm1"];allow_interfaces_list_length=2;)"
+                    "received_message_count_max=32;enable_udp_debugging=1;udp_debugging_port=7500;"
+                    "udp_debugging_address=0000000000000000000000007f000005"))},
+        {"bad value",
+         create(bad),
+         {},
          {error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"received_message_count_max", "many"}),
-          SHMEM_CREATION_FAILURE}},
-        {{"bogus", "1"},
-         {error(VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {"bogus"}),
-          error(SHMEM_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {""}), SHMEM_CREATION_FAILURE}},
-        {{"parent.max_interface_count", "lots"},
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"parent.max_interface_count", "lots"}),
-          error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"}),
-          SHMEM_CREATION_FAILURE}},
-        {{"received_message_count_max", "0"}, refused("received_message_count_max is below 1")},
-        {{"receive_buffer_size", "100"},
-         refused("receive_buffer_size is below parent.message_size_max")},
-        {{"segmentKeyFactor", "0"}, refused("segmentKeyFactor is below 1")},
-        {{"parent.classid", "1"}, refused("parent.classid is not 0x01000000 (SHMEM)")},
-        {{"udp_debugging_port", "0"}, refused("udp_debugging_port is outside 1..65535")},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.property.first + " = " + c.property.second);
-        PropertyList properties{{"parent.allow_interfaces_list", "shm0,shm1"},
-                                {"parent.deny_multicast_interfaces_list", "shm2"},
-                                {"parent.thread_name_prefix", "shm"},
-                                {"enable_udp_debugging", "true"},
-                                c.property};
-        CallersAddress callers;
-        const KEL_UINT64 blocks = liveHeapBlocks();
-        {
-            LogCapture log;
-            EXPECT_EQ(nullptr,
-                      VESK_Transport_Shmem_create(&callers.address, properties.get(), nullptr));
-            EXPECT_EQ(c.messages, describeAll(log));
-        }
-        EXPECT_TRUE(callers.untouched());
-        EXPECT_EQ(blocks, liveHeapBlocks());
-    }
+          error(SHMEM_CREATE, "KEL_LOG_CREATION_FAILURE_s",
+                {"Shared Memory Transport: Properties not properly set"})}},
+        {"refused", create(refused), {}, {}, "VESK_Transport_Shmem_newI"},
+    });
 }
 
 // ---------------------------------------------------------------------------
@@ -422,39 +264,21 @@ TEST(ValueTable, EachSuffixIsInTheListItsRowNames) {
                                                   {udpv6Class, Class::udpv6},
                                                   {shmemClass, Class::shmem}};
     for (const auto &[bit, cls] : classes) {
-        std::vector<std::string> publicOnes, privateOnes;
+        std::vector<std::string> lists[2];  // public, private
         const auto add = [&](const auto &row) {
             if ((row.classes & bit) == 0) return;
-            auto &list = row.isPublic ? publicOnes : privateOnes;
-            list.emplace_back(row.suffix);
+            lists[row.isPublic ? 0 : 1].emplace_back(row.suffix);
             if constexpr (requires { row.alternativeSuffix; }) {
-                if (row.alternativeSuffix != nullptr) list.emplace_back(row.alternativeSuffix);
+                if (row.alternativeSuffix)
+                    lists[row.isPublic ? 0 : 1].emplace_back(row.alternativeSuffix);
             }
         };
         for (const auto &row : GENERIC_ROWS) add(row);
         for (const auto &row : UDP_ROWS) add(row);
         for (const auto &row : SHMEM_SETTING_ROWS) add(row);
         for (const auto &row : SHMEM_IDENTITY_ROWS) add(row);
-        std::vector<std::string> both = publicOnes;
-        both.insert(both.end(), privateOnes.begin(), privateOnes.end());
-        EXPECT_EQ(both, acceptedSuffixes(cls)) << static_cast<int>(cls);
-    }
-}
-
-// Every accepted suffix of the class, named plainly, or under a prefix,
-// where a UDP class reads the WAN names too.
-void fillEveryProperty(PropertyList &properties, Class cls, const char *prefix) {
-    std::vector<std::string> suffixes = acceptedSuffixes(cls);
-    if (prefix != nullptr && cls != Class::shmem) {
-        for (const std::string &suffix : acceptedSuffixes(Class::udpv4Wan)) {
-            if (std::find(suffixes.begin(), suffixes.end(), suffix) == suffixes.end()) {
-                suffixes.push_back(suffix);
-            }
-        }
-    }
-    for (const std::string &suffix : suffixes) {
-        properties.add(prefix == nullptr ? suffix : std::string(prefix) + "." + suffix,
-                       valueFor(suffix, cls));
+        lists[0].insert(lists[0].end(), lists[1].begin(), lists[1].end());
+        EXPECT_EQ(lists[0], acceptedSuffixes(cls)) << static_cast<int>(cls);
     }
 }
 
@@ -462,7 +286,7 @@ void fillEveryProperty(PropertyList &properties, Class cls, const char *prefix) 
 // precondition failure; the last message is the factory's one creation
 // failure, or the constructor's with none of the factory.
 template <typename Create>
-void sweepFactory(Create create, const char *factoryFunction, const char *constructor,
+void sweepFactory(Create create, const std::string &factoryFunction, const std::string &constructor,
                   long minimumPoints) {
     struct Outcome {
         PluginPtr plugin;
@@ -476,28 +300,22 @@ void sweepFactory(Create create, const char *factoryFunction, const char *constr
             return outcome;
         },
         [&](const SweepStep &step, Outcome &outcome) {
-            if (!step.failed) {
-                EXPECT_NE(outcome.plugin, nullptr);
-                // At most the warning that lo (the one interface allowed) has no multicast.
-                for (const LogEntry &entry : outcome.log) {
-                    EXPECT_EQ(static_cast<KEL_UINT32>(KEL_LOG_BIT_WARN), entry.level) << entry.text;
-                }
-                return;
-            }
-            EXPECT_EQ(outcome.plugin, nullptr);
+            // At most the warning that lo (the one interface allowed) has no multicast.
+            const KEL_UINT32 level = step.failed ? KEL_LOG_BIT_ERROR : KEL_LOG_BIT_WARN;
+            for (const LogEntry &entry : outcome.log) EXPECT_EQ(level, entry.level) << entry.text;
+            EXPECT_EQ(step.failed, outcome.plugin == nullptr);
+            if (!step.failed) return;
             ASSERT_FALSE(outcome.log.empty()) << "a refused allocation was not reported";
-            int factoryMessages = 0;
-            for (const LogEntry &entry : outcome.log) {
-                EXPECT_EQ(static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR), entry.level) << entry.text;
-                factoryMessages += entry.function == factoryFunction;
-            }
+            const auto fromFactory = std::count_if(
+                outcome.log.begin(), outcome.log.end(),
+                [&](const LogEntry &entry) { return entry.function == factoryFunction; });
             const LogEntry &last = outcome.log.back();
             if (last.function == factoryFunction) {
                 EXPECT_EQ("KEL_LOG_CREATION_FAILURE_s", last.template_name);
-                EXPECT_EQ(1, factoryMessages);
+                EXPECT_EQ(1, fromFactory);
             } else {
                 EXPECT_EQ(constructor, last.function) << last.text;
-                EXPECT_EQ(0, factoryMessages);
+                EXPECT_EQ(0, fromFactory);
             }
         },
         [](Outcome &outcome) { outcome.plugin.reset(); });
@@ -505,24 +323,21 @@ void sweepFactory(Create create, const char *factoryFunction, const char *constr
     EXPECT_GE(summary.failurePoints, minimumPoints);
 }
 
-TEST(FactorySweep, UdpFactories) {
+TEST(FactorySweep, EveryFactoryWithEveryProperty) {
     for (const Factory &factory : FACTORIES) {
         for (const char *prefix : {static_cast<const char *>(nullptr), PREFIX}) {
-            SCOPED_TRACE(std::string(factory.name) + (prefix ? " with prefix" : ""));
+            SCOPED_TRACE(factory.cls + (prefix ? " with prefix" : ""));
             PropertyList properties;
-            fillEveryProperty(properties, factory.cls, prefix);
+            properties.addEvery(factory.sweep, prefix);
             sweepFactory([&] { return factory.prefixed(nullptr, properties.get(), prefix); },
-                         factory.name, factory.constructor, 20);
+                         factory.name(), factory.constructor(), 20);
         }
         const PropertyList empty;
-        sweepFactory([&] { return factory.shortForm(nullptr, empty.get()); }, factory.name,
-                     factory.constructor, 2);
+        sweepFactory([&] { return factory.shortForm(nullptr, empty.get()); }, factory.name(),
+                     factory.constructor(), 2);
     }
-}
-
-TEST(FactorySweep, ShmemFactory) {
     PropertyList properties;
-    fillEveryProperty(properties, Class::shmem, nullptr);
+    properties.addEvery(Class::shmem);
     const DDS_ProductVersion_t minimum = {6, 1, 0, 0};
     sweepFactory([&] { return VESK_Transport_Shmem_create(nullptr, properties.get(), &minimum); },
                  SHMEM_CREATE, "VESK_Transport_Shmem_newI", 20);

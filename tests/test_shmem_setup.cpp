@@ -1,7 +1,7 @@
-// The shared-memory property setup: validation, the settings read in their
-// fixed order, the UDP debugging switch, the format version, the unit-test
-// switch, the host id and shared-memory address in every branch, counting,
-// failures and the cleanup.
+// The shared-memory property setup: the format version, each setting and
+// the fixed order in which a bad value stops the setup, the unit-test
+// switch, the host id and address in every branch, the generic part and
+// validation, every allocation failing in turn, and the cleanup.
 
 #include <gtest/gtest.h>
 
@@ -21,11 +21,13 @@ namespace {
 
 using namespace vesk::test;
 using Bytes = std::array<unsigned char, 16>;
-using NameValues = std::vector<PropertyList::NameValue>;
+using V = DDS_ProductVersion_t;
+using Messages = std::vector<std::string>;
 
 constexpr int NO_POLICY = -1;
 constexpr KEL_UINT32 GENERATOR_HOST_ID = 0x0C0D0E0F;
 constexpr KEL_UINT32 GENERATOR_MAC_HOST_ID = 0x22334455;
+const std::string ACTION = DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME;
 
 // A generator that answers fixed host ids instead of reading the host.
 struct Generator {
@@ -67,27 +69,61 @@ const Bytes NEAR_LOOPBACK_UNIQUE_ID = {127,  0,    0,    2,    0x51, 0x52, 0x53,
 std::string parser(const char *name, const std::string &value) {
     return error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {name, value});
 }
-const std::string RESOLVE =
-    error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s", {"resolve UDP debugging IP address"});
+
+// What the policy, the platform and the record hold before a setup.
+struct Start {
+    int policy = NO_POLICY;  // the wire-protocol policy's kind, or none
+    KEL_UINT32 hostId = 0;   // the policy's
+    unsigned char fill = 0;  // every byte of shmemUUID (0: the invalid address)
+    KEL_INT32 reserved = 0;
+    std::optional<V> minimum = std::nullopt;  // nullopt: a null minimum
+    Bytes uniqueId = HOST_UNIQUE_ID;          // the host's
+    bool generator = true;
+    int robust = 0;  // the platform's mutexes
+    KEL_INT16 majorVersion = 2;
+    KEL_INT32 debugging = 0;  // enable_udp_debugging
+};
+
+// The setup of a list ("name=value;...") from start: its result; its
+// messages in log.
+int setup(ShmemRecord &run, const std::string &list, const Start &start, Messages &log) {
+    ForcedRobustMutex forced(start.robust);
+    UniqueIdOverride uniqueId(start.uniqueId);
+    Generator generator;
+    DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
+    policy.rtps_auto_id_kind = static_cast<DDS_RtpsAutoIdKind>(start.policy);
+    policy.rtps_host_id = start.hostId;
+    std::memset(run.record.shmemUUID.network_ordered_value, start.fill, 16);
+    run.record.reserved = start.reserved;
+    run.record.majorVersion = start.majorVersion;
+    run.record.enable_udp_debugging = start.debugging;
+    const V minimum = start.minimum.value_or(V{});
+    const PropertyList properties(list);
+    LogCapture capture;
+    const int result = run.setup(properties, start.policy == NO_POLICY ? nullptr : &policy,
+                                 start.generator ? generator.generator : nullptr,
+                                 start.minimum ? &minimum : nullptr);
+    log = describeAll(capture);
+    return result;
+}
 
 TEST(ShmemSetup, TheVersionConstantsAreTheDocumentedVersions) {
-    const auto text = [](const DDS_ProductVersion_t &v) {
-        return std::to_string(v.major) + "." + std::to_string(v.minor) + "." +
-               std::to_string(v.release) + "." + std::to_string(v.revision);
-    };
-    EXPECT_EQ("7.2.0.0", text(ROBUST_MUTEX_PRODUCT_VERSION));
-    EXPECT_EQ("6.1.0.0", text(SHMEM_MAJOR_VERSION_4_PRODUCT_VERSION));
-    EXPECT_EQ("4.5.54.0", text(BUG_14240_FIXED_PRODUCT_VERSION));  // release is the character '6'
-    EXPECT_EQ("6.0.0.0", text(LOCATOR_600_PRODUCT_VERSION));
+    std::string text;
+    for (const V &v : {ROBUST_MUTEX_PRODUCT_VERSION, SHMEM_MAJOR_VERSION_4_PRODUCT_VERSION,
+                       BUG_14240_FIXED_PRODUCT_VERSION, LOCATOR_600_PRODUCT_VERSION}) {
+        for (int part : {v.major, v.minor, v.release, v.revision})
+            text += std::to_string(part) + ".";
+    }
+    // The third release is the character '6'.
+    EXPECT_EQ("7.2.0.0.6.1.0.0.4.5.54.0.6.0.0.0.", text);
 }
 
 TEST(ShmemSetup, TheFormatVersionFollowsTheMutexesAndTheMinimumVersion) {
     struct Case {
         int robust;
-        std::optional<DDS_ProductVersion_t> minimum;  // nullopt: null minimum
+        std::optional<V> minimum;  // nullopt: null minimum
         KEL_INT16 before, expected;
     };
-    using V = DDS_ProductVersion_t;
     const V zero = {0, 0, 0, 0};
     const std::vector<Case> cases = {
         // Without robust mutexes a given minimum picks the format, replacing
@@ -102,11 +138,8 @@ TEST(ShmemSetup, TheFormatVersionFollowsTheMutexesAndTheMinimumVersion) {
         {0, V{0, 0, 0, 1}, 5, 1},
         {0, V{6, 1, 0, 0}, 5, 4},
         // With robust mutexes every given minimum means format 5.
-        {1, V{7, 2, 0, 0}, 2, 5},
         {1, V{9, 0, 0, 0}, 2, 5},
-        {1, V{6, 1, 0, 0}, 2, 5},
         {1, V{6, 0, 0, 0}, 2, 5},
-        {1, V{4, 5, '6', 0}, 2, 5},
         {1, V{4, 5, 0, 0}, 2, 5},
         {1, V{0, 0, 0, 1}, 7, 5},
         // No minimum (0.0.0.0 or null): robust mutexes raise a lower format
@@ -121,73 +154,58 @@ TEST(ShmemSetup, TheFormatVersionFollowsTheMutexesAndTheMinimumVersion) {
         {1, std::nullopt, 6, 6},
     };
     for (const Case &c : cases) {
-        const bool given = c.minimum && std::memcmp(&*c.minimum, &zero, sizeof zero) != 0;
         SCOPED_TRACE(&c - cases.data());
-        ForcedRobustMutex forced(c.robust);
-        PropertyList properties;
-        LogCapture log;
+        const bool given = c.minimum && std::memcmp(&*c.minimum, &zero, sizeof zero) != 0;
         ShmemRecord run;
-        run.record.majorVersion = c.before;
-        const DDS_ProductVersion_t minimum = c.minimum.value_or(zero);
+        Messages log;
         EXPECT_EQ(given ? 1 : 0,
-                  run.setup(properties, nullptr, nullptr, c.minimum ? &minimum : nullptr));
+                  setup(run, "",
+                        {.minimum = c.minimum, .robust = c.robust, .majorVersion = c.before}, log));
         EXPECT_EQ(c.expected, run.record.majorVersion);
-        EXPECT_EQ(std::vector<std::string>{}, describeAll(log));
+        EXPECT_EQ(Messages{}, log);
     }
 }
 
 // Each setting sets its field and counts once (the key settings: see the
 // fixed order below); the debugging destination is read only while
-// debugging is on (by the caller or by the property).
+// debugging is on (by the caller or by the property). The generic names are
+// read without a prefix.
 TEST(ShmemSetup, EachSettingSetsItsFieldAndCountsOnce) {
     struct Case {
-        NameValues properties;
+        const char *properties;
         int count;
-        Rendered fields;  // the fields changed
+        const char *fields;  // the fields changed
         int enabledBefore = 0;
     };
     const std::vector<Case> cases = {
-        {{{"received_message_count_max", "-3"}}, 1, {{"received_message_count_max", "-3"}}},
-        {{{"receive_buffer_size", "0x20000"}}, 1, {{"receive_buffer_size", "131072"}}},
-        {{{"maxAllowedWriterDurationMillisec", "4294967295"}},
-         1,
-         {{"maxAllowedWriterDurationMillisec", "4294967295"}}},
-        {{{"enable_udp_debugging", "yes"}}, 1, {{"enable_udp_debugging", "1"}}},
-        {{{"enable_udp_debugging", "FALSE"}}, 1, {}},
-        {{{"enable_udp_debugging", "true"}, {"udp_debugging_address", "fd00::5"}},
-         2,
-         {{"enable_udp_debugging", "1"},
-          {"udp_debugging_address", "fd000000000000000000000000000005"}}},
-        {{{"enable_udp_debugging", "on"}, {"udp_debugging_port", "7500"}},
-         2,
-         {{"enable_udp_debugging", "1"}, {"udp_debugging_port", "7500"}}},
-        {{{"udp_debugging_address", "bad..name"}, {"udp_debugging_port", "not a port"}}, 0, {}},
-        {{{"enable_udp_debugging", "false"}, {"udp_debugging_address", "bad..name"}},
-         1,
-         {{"enable_udp_debugging", "0"}},
+        {"received_message_count_max=-3", 1, "received_message_count_max=-3"},
+        {"receive_buffer_size=0x20000", 1, "receive_buffer_size=131072"},
+        {"maxAllowedWriterDurationMillisec=4294967295", 1,
+         "maxAllowedWriterDurationMillisec=4294967295"},
+        {"enable_udp_debugging=yes", 1, "enable_udp_debugging=1"},
+        {"enable_udp_debugging=FALSE", 1, ""},
+        {"enable_udp_debugging=true;udp_debugging_address=fd00::5", 2,
+         "enable_udp_debugging=1;udp_debugging_address=fd000000000000000000000000000005"},
+        {"enable_udp_debugging=on;udp_debugging_port=7500", 2,
+         "enable_udp_debugging=1;udp_debugging_port=7500"},
+        {"udp_debugging_address=bad..name;udp_debugging_port=not a port", 0, ""},
+        {"enable_udp_debugging=false;udp_debugging_address=bad..name", 1, "enable_udp_debugging=0",
          1},
-        {{{"udp_debugging_address", "192.0.2.40"}, {"udp_debugging_port", "7600"}},
-         2,
-         {{"udp_debugging_address", "000000000000000000000000c0000228"},
-          {"udp_debugging_port", "7600"}},
-         1},
-        // The generic names are read without a prefix.
-        {{{"parent.message_size_max", "9000"}}, 1, {{"message_size_max", "9000"}}},
+        {"udp_debugging_address=192.0.2.40;udp_debugging_port=7600", 2,
+         "udp_debugging_address=000000000000000000000000c0000228;udp_debugging_port=7600", 1},
+        {"parent.message_size_max=9000", 1, "message_size_max=9000"},
     };
-    PropertyList empty;
     ShmemRecord baseline;
-    ASSERT_EQ(0, baseline.setup(empty));
+    Messages log;
+    ASSERT_EQ(0, setup(baseline, "", {}, log));
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.properties.front().first + " = " + c.properties.front().second);
-        PropertyList properties(c.properties);
-        LogCapture log;
+        SCOPED_TRACE(c.properties);
         ShmemRecord run;
-        run.record.enable_udp_debugging = c.enabledBefore;
         Shmem before = baseline.record;
         before.enable_udp_debugging = c.enabledBefore;
-        EXPECT_EQ(c.count, run.setup(properties));
-        EXPECT_EQ(c.fields, changes(before, run.record));
-        EXPECT_EQ(std::vector<std::string>{}, describeAll(log));
+        EXPECT_EQ(c.count, setup(run, c.properties, {.debugging = c.enabledBefore}, log));
+        EXPECT_EQ(pairs(c.fields), changes(before, run.record));
+        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -197,50 +215,51 @@ TEST(ShmemSetup, EachSettingSetsItsFieldAndCountsOnce) {
 // before the host id; a failed setup generates no address.
 TEST(ShmemSetup, ABadValueStopsTheSetupWithItsMessageInTheFixedOrder) {
     struct Ordered {
-        const char *name, *good, *bad, *field, *rendered;
+        const char *name, *good, *bad;
+        const char *field = nullptr, *rendered = nullptr;  // null: the name, the good value
     };
     const std::vector<Ordered> ordered = {
-        {"received_message_count_max", "11", "eleven", "received_message_count_max", "11"},
-        {"receive_buffer_size", "2048", "2k", "receive_buffer_size", "2048"},
-        {"segmentKeyOffset", "12", "0x", "segmentKeyOffset", "12"},
-        {"segmentKeyFactor", "13", "", "segmentKeyFactor", "13"},
-        {"semaphoreKeyOffset", "14", "1.5", "semaphoreKeyOffset", "14"},
-        {"semaphoreKeyFactor", "15", "99999999999", "semaphoreKeyFactor", "15"},
-        {"mutexKeyOffset", "16", " 16", "mutexKeyOffset", "16"},
-        {"mutexKeyFactor", "17", "x17", "mutexKeyFactor", "17"},
-        {"enable_udp_debugging", "true", "maybe", "enable_udp_debugging", "1"},
-        {"udp_debugging_address", "10.1.2.3", "bad..name", "udp_debugging_address",
+        {"received_message_count_max", "11", "eleven"},
+        {"receive_buffer_size", "2048", "2k"},
+        {"segmentKeyOffset", "12", "0x"},
+        {"segmentKeyFactor", "13", ""},
+        {"semaphoreKeyOffset", "14", "1.5"},
+        {"semaphoreKeyFactor", "15", "99999999999"},
+        {"mutexKeyOffset", "16", " 16"},
+        {"mutexKeyFactor", "17", "x17"},
+        {"enable_udp_debugging", "true", "maybe", nullptr, "1"},
+        {"udp_debugging_address", "10.1.2.3", "bad..name", nullptr,
          "0000000000000000000000000a010203"},
-        {"udp_debugging_port", "7411", "-1", "udp_debugging_port", "7411"},
-        {"maxAllowedWriterDurationMillisec", "18", "4294967296", "maxAllowedWriterDurationMillisec",
-         "18"},
+        {"udp_debugging_port", "7411", "-1"},
+        {"maxAllowedWriterDurationMillisec", "18", "4294967296"},
         {"host_id", "19", "host", "shmemUUID", ""},
     };
-    ForcedRobustMutex forced(1);
-    const DDS_ProductVersion_t minimum = {6, 1, 0, 0};
+    const Shmem defaults = withDefaultThreadName(VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT);
     for (size_t bad = 0; bad < ordered.size(); ++bad) {
-        SCOPED_TRACE(std::string(ordered[bad].name) + " = \"" + ordered[bad].bad + "\"");
-        PropertyList properties;
-        for (size_t i = 0; i < ordered.size(); ++i) {
-            properties.add(ordered[i].name, i == bad ? ordered[i].bad : ordered[i].good);
-        }
-        properties.add("CORE_6518_unit_test_disable_shmem", "true");
-        LogCapture log;
-        ShmemRecord run;
-        EXPECT_EQ(-1, run.setup(properties, nullptr, nullptr, &minimum));
-        const bool pastSettings = bad + 1 == ordered.size();
-        EXPECT_EQ(std::vector<std::string>{ordered[bad].name == std::string("udp_debugging_address")
-                                               ? RESOLVE
-                                               : parser(ordered[bad].name, ordered[bad].bad)},
-                  describeAll(log));
-        const Shmem defaults = withDefaultThreadName(VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT);
+        const Ordered &b = ordered[bad];
+        SCOPED_TRACE(std::string(b.name) + " = \"" + b.bad + "\"");
+        std::string list = "CORE_6518_unit_test_disable_shmem=true";
         Rendered expected;
-        for (size_t i = 0; i < bad; ++i)
-            expected.emplace_back(ordered[i].field, ordered[i].rendered);
-        if (pastSettings)
+        for (size_t i = 0; i < ordered.size(); ++i) {
+            const Ordered &o = ordered[i];
+            list += std::string(";") + o.name + "=" + (i == bad ? o.bad : o.good);
+            if (i < bad) {
+                expected.emplace_back(o.field ? o.field : o.name, o.rendered ? o.rendered : o.good);
+            }
+        }
+        if (bad + 1 == ordered.size()) {
             expected.insert(expected.end(), {{"majorVersion", "5"}, {"reserved", "1"}});
+        }
+        ShmemRecord run;
+        Messages log;
+        EXPECT_EQ(-1, setup(run, list, {.minimum = V{6, 1, 0, 0}, .robust = 1}, log));
+        EXPECT_EQ(Messages{b.name == std::string("udp_debugging_address")
+                               ? error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s",
+                                       {"resolve UDP debugging IP address"})
+                               : parser(b.name, b.bad)},
+                  log);
         // What a failed conversion leaves in its own field is open.
-        const std::string own = ordered[bad].field;
+        const std::string own = b.field ? b.field : b.name;
         EXPECT_EQ(with(render(defaults), expected),
                   with(render(run.record), {{own, field(defaults, own)}}));
     }
@@ -254,13 +273,12 @@ TEST(ShmemSetup, TheUnitTestSwitchSetsReservedOnlyForTrueAndAlwaysCounts) {
     };
     for (const auto &[value, before, after] : cases) {
         SCOPED_TRACE(std::string("\"") + value + "\", reserved " + std::to_string(before));
-        PropertyList properties{{"CORE_6518_unit_test_disable_shmem", value}};
-        LogCapture log;
         ShmemRecord run;
-        run.record.reserved = before;
-        EXPECT_EQ(1, run.setup(properties));
+        Messages log;
+        EXPECT_EQ(1, setup(run, std::string("CORE_6518_unit_test_disable_shmem=") + value,
+                           {.reserved = before}, log));
         EXPECT_EQ(after, run.record.reserved);
-        EXPECT_EQ(std::vector<std::string>{}, describeAll(log));
+        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -268,34 +286,38 @@ TEST(ShmemSetup, TheUnitTestSwitchSetsReservedOnlyForTrueAndAlwaysCounts) {
 // The host id and the shared-memory address
 // ---------------------------------------------------------------------------
 
+// One row per branch. With "host_id" neither the policy nor the
+// generator is read; without it, a missing generator is a failed
+// precondition, and the locator flag is read (and can fail) only for
+// FROM_UUID. An address that cannot be generated is logged, and the setup
+// succeeds.
 TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
-    const DDS_ProductVersion_t v530 = {5, 3, 0, 0};
-    const DDS_ProductVersion_t v600 = {6, 0, 0, 0};
-    const DDS_ProductVersion_t zero = {0, 0, 0, 0};
+    const V v530 = {5, 3, 0, 0}, v600 = {6, 0, 0, 0}, zero = {0, 0, 0, 0};
     const KEL_UINT32 X = 0x01020304;  // an explicit host id in the policy
-    const int uuid = DDS_RTPS_AUTO_ID_FROM_UUID;
-    const int mac = DDS_RTPS_AUTO_ID_FROM_MAC;
-    const int ip = DDS_RTPS_AUTO_ID_FROM_IP;
-    const int none = NO_POLICY;
-    // One row per branch: the policy kind (or none), the properties, the
-    // count, every byte of shmemUUID before (0 is the invalid address) and
-    // after; then, where they matter, the record's reserved value, the
-    // minimum version, the policy's host id and the host's unique id.
+    const int uuid = DDS_RTPS_AUTO_ID_FROM_UUID, mac = DDS_RTPS_AUTO_ID_FROM_MAC;
+    const int ip = DDS_RTPS_AUTO_ID_FROM_IP, none = NO_POLICY;
+    // Each row: the policy kind (or none), the properties, the result, every
+    // byte of shmemUUID before (0 is the invalid address) and after; then,
+    // where they matter, the record's reserved value, the minimum version,
+    // the policy's host id, the host's unique id, the messages and whether
+    // there is a generator.
     struct Case {
         const char *name;
-        int policyKind;
-        NameValues properties;
-        int count;
-        unsigned char before;
-        std::string expected;
+        int policy;
+        std::string properties;
+        int result;
+        unsigned char fill;
+        std::string address;
         KEL_INT32 reserved = 0;
-        std::optional<DDS_ProductVersion_t> minimum = std::nullopt;
-        KEL_UINT32 rtpsHostId = 0;
+        std::optional<V> minimum = std::nullopt;
+        KEL_UINT32 hostId = 0;
         Bytes uniqueId = HOST_UNIQUE_ID;
+        Messages messages = {};
+        bool generator = true;
     };
     const unsigned char E = 0xee;
-    const std::optional<DDS_ProductVersion_t> any;
-    const std::string eeee(32, 'e');
+    const std::optional<V> any;
+    const std::string eeee(32, 'e'), invalid(32, '0');
     const auto G = [](KEL_UINT32 hostId) { return generated(hostId); };
     const auto U = [](size_t n, unsigned char fill) {  // the unique id's leading bytes
         return leading(HOST_UNIQUE_ID.data(), n, fill);
@@ -305,158 +327,101 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
         return leading(reinterpret_cast<const unsigned char *>(&prefix), n, fill);
     };
     const auto L = [](const Bytes &id, size_t n) { return leading(id.data(), n, 0); };
-    const auto hostId = [](const char *id) { return NameValues{{"host_id", id}}; };
-    const auto flag = [](const char *v) { return NameValues{{"use_530_from_uuid_locator", v}}; };
-    const auto bits = [](const char *n) { return NameValues{{"parent.address_bit_count", n}}; };
-    const NameValues guid = {{"participant_guid_prefix", "1,2,3"}};
-    const auto withGuid = [](const char *n) {
-        return NameValues{{"participant_guid_prefix", "1,2,3"}, {"parent.address_bit_count", n}};
-    };
-    const Bytes &loop = LOOPBACK_UNIQUE_ID, &near = NEAR_LOOPBACK_UNIQUE_ID;
+    const std::string flag = "use_530_from_uuid_locator=", bits = "parent.address_bit_count=";
+    const std::string guid = "participant_guid_prefix=1,2,3;" + bits;
+    const Bytes &host = HOST_UNIQUE_ID, &loop = LOOPBACK_UNIQUE_ID, &near = NEAR_LOOPBACK_UNIQUE_ID;
     const KEL_UINT32 GH = GENERATOR_HOST_ID, GM = GENERATOR_MAC_HOST_ID, AUTO = DDS_RTPS_AUTO_ID;
-    const NameValues badFlag = {{"host_id", "7"}, {"use_530_from_uuid_locator", "bogus"}};
-    const NameValues unitTest = {{"CORE_6518_unit_test_disable_shmem", "true"}};
-    const NameValues classid = {{"parent.classid", "0x01000002"}};
+    const Messages precondition = {message(KEL_LOG_BIT_EXCEPTION, SHMEM_SETUP,
+                                           "KEL_LOG_PRECONDITION_FAILURE_s",
+                                           {"\"rtps_app_id_generator_in == ((void *)0)\""})};
+    const Messages badFlag = {parser("use_530_from_uuid_locator", "maybe")};
+    const Messages noAddress = {
+        error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s", {"generate default network address"})};
     const std::vector<Case> cases = {
-        {"no policy", none, {}, 0, 0, G(0)},
-        {"no policy, 5.3.0 flag not read", none, flag("true"), 0, 0, G(0)},
+        {"no policy", none, "", 0, 0, G(0)},
+        {"no policy, 5.3.0 flag not read", none, flag + "true", 0, 0, G(0)},
         // "host_id" wins: no other source is consulted, and shmemUUID is
         // only generated from it.
-        {"host_id, no policy", none, hostId("0x0A0B0C0D"), 1, 0, G(0x0A0B0C0D)},
-        {"host_id over FROM_MAC", mac, hostId("7"), 1, 0, G(7)},
-        {"host_id over FROM_IP with a host id", ip, hostId("4294967295"), 1, 0, G(~0u), 0, any, X},
+        {"host_id, no policy", none, "host_id=0x0A0B0C0D", 1, 0, G(0x0A0B0C0D)},
+        {"host_id over FROM_MAC", mac, "host_id=7", 1, 0, G(7)},
+        {"host_id over FROM_IP with a host id", ip, "host_id=4294967295", 1, 0, G(~0u), 0, any, X},
+        {"host_id, no generator", uuid, "host_id=9", 1, 0, G(9), 0, any, 0, host, {}, false},
         // The bad flag is not read, and the minimum below 6.0.0.0 counts
         // only for the format version.
-        {"host_id over FROM_UUID", uuid, badFlag, 2, 0, G(7), 0, v530},
-        {"host_id leaves a set shmemUUID", uuid, hostId("7"), 1, E, eeee},
+        {"host_id over FROM_UUID", uuid, "host_id=7;" + flag + "bogus", 2, 0, G(7), 0, v530},
+        {"host_id leaves a set shmemUUID", uuid, "host_id=7", 1, E, eeee},
         // Host ids from the policy and the generator.
-        {"FROM_MAC", mac, {}, 0, 0, G(GM), 0, any, X},
-        {"FROM_IP, explicit host id", ip, {}, 0, 0, G(X), 0, any, X},
-        {"FROM_IP, automatic host id", ip, {}, 0, 0, G(GH), 0, any, AUTO},
-        {"FROM_MAC, shmemUUID already set", mac, {}, 0, E, eeee},
+        {"FROM_MAC", mac, "", 0, 0, G(GM), 0, any, X},
+        {"FROM_IP, explicit host id", ip, "", 0, 0, G(X), 0, any, X},
+        {"FROM_IP, automatic host id", ip, "", 0, 0, G(GH), 0, any, AUTO},
+        {"FROM_MAC, shmemUUID already set", mac, "", 0, E, eeee},
+        {"FROM_MAC, bad flag not read", mac, flag + "maybe", 0, 0, G(GM)},
         // FROM_UUID: as many bytes of the unique id as the bit count covers
         // (-96: 12); the others keep their value.
-        {"FROM_UUID", uuid, {}, 0, 0, U(12, 0), 0, any, X},
-        {"FROM_UUID, the rest kept", uuid, {}, 0, E, U(12, E)},
-        {"FROM_UUID, 64 bits", uuid, bits("64"), 1, E, U(8, E)},
-        {"FROM_UUID, -8 bits", uuid, bits("-8"), 1, E, U(1, E)},
-        {"FROM_UUID, 128 bits", uuid, bits("128"), 1, E, U(16, E)},
+        {"FROM_UUID", uuid, "", 0, 0, U(12, 0), 0, any, X},
+        {"FROM_UUID, the rest kept", uuid, "", 0, E, U(12, E)},
+        {"FROM_UUID, 64 bits", uuid, bits + "64", 1, E, U(8, E)},
+        {"FROM_UUID, -8 bits", uuid, bits + "-8", 1, E, U(1, E)},
+        {"FROM_UUID, 128 bits", uuid, bits + "128", 1, E, U(16, E)},
         // Under 8 bits nothing is copied; the address, still invalid, is
         // generated with host id 0, not the policy's or the generator's.
-        {"FROM_UUID, -7 bits", uuid, bits("-7"), 1, 0, G(0), 0, any, X},
-        {"FROM_UUID, 127.0.0.2 is an identity", uuid, {}, 0, 0, L(near, 12), 0, any, 0, near},
-        {"FROM_UUID, reserved 1 copies the unique id", uuid, unitTest, 1, 0, U(12, 0)},
+        {"FROM_UUID, -7 bits", uuid, bits + "-7", 1, 0, G(0), 0, any, X},
+        {"FROM_UUID, 127.0.0.2 is an identity", uuid, "", 0, 0, L(near, 12), 0, any, 0, near},
+        {"FROM_UUID, reserved 1", uuid, "CORE_6518_unit_test_disable_shmem=true", 1, 0, U(12, 0)},
+        {"FROM_UUID, a bad flag", uuid, flag + "maybe", -1, 0, invalid, 0, any, 0, host, badFlag},
         // The 5.3.0 locator form: all 16 bytes.
-        {"5.3.0 flag from the property", uuid, flag("true"), 1, E, U(16, 0)},
-        {"5.3.0 flag from a minimum below 6.0.0.0", uuid, {}, 2, E, U(16, 0), 0, v530},
-        {"minimum 6.0.0.0 leaves the flag false but counts", uuid, {}, 2, E, U(12, E), 0, v600},
-        {"minimum 0.0.0.0 is no minimum", uuid, {}, 0, E, U(12, E), 0, zero},
-        {"the property wins over an old minimum", uuid, flag("false"), 2, E, U(12, E), 0, v530},
-        {"the property wins over a new minimum", uuid, flag("1"), 2, E, U(16, E), 0, v600},
-        {"the flag wins over reserved 2", uuid, flag("TRUE"), 1, E, U(16, E), 2},
-        {"the flag wins over the loopback", uuid, flag("true"), 1, 0, L(loop, 16), 0, any, 0, loop},
+        {"5.3.0 flag from the property", uuid, flag + "true", 1, E, U(16, 0)},
+        {"5.3.0 flag from a minimum below 6.0.0.0", uuid, "", 2, E, U(16, 0), 0, v530},
+        {"minimum 6.0.0.0 leaves the flag false but counts", uuid, "", 2, E, U(12, E), 0, v600},
+        {"minimum 0.0.0.0 is no minimum", uuid, "", 0, E, U(12, E), 0, zero},
+        {"the property wins over an old minimum", uuid, flag + "false", 2, E, U(12, E), 0, v530},
+        {"the property wins over a new minimum", uuid, flag + "1", 2, E, U(16, E), 0, v600},
+        {"the flag wins over reserved 2", uuid, flag + "TRUE", 1, E, U(16, E), 2},
+        {"the flag wins over the loopback", uuid, flag + "true", 1, 0, L(loop, 16), 0, any, 0,
+         loop},
         // reserved 2: the owner's GUID prefix, at most its 12 bytes.
-        {"reserved 2, -96 bits", uuid, guid, 1, E, P(12, E), 2},
-        {"reserved 2, 8 bits", uuid, withGuid("8"), 2, E, P(1, E), 2},
-        {"reserved 2, 96 bits", uuid, withGuid("96"), 2, E, P(12, E), 2},
-        {"reserved 2, 7 bits", uuid, withGuid("7"), 2, E, eeee, 2},
-        {"reserved 2, -7 bits", uuid, withGuid("-7"), 2, E, eeee, 2},
-        {"reserved 2, 104 bits", uuid, withGuid("104"), 2, E, P(12, E), 2},
-        {"reserved 2, -128 bits", uuid, withGuid("-128"), 2, E, P(12, E), 2},
+        {"reserved 2, -96 bits", uuid, "participant_guid_prefix=1,2,3", 1, E, P(12, E), 2},
+        {"reserved 2, 8 bits", uuid, guid + "8", 2, E, P(1, E), 2},
+        {"reserved 2, 96 bits", uuid, guid + "96", 2, E, P(12, E), 2},
+        {"reserved 2, 7 bits", uuid, guid + "7", 2, E, eeee, 2},
+        {"reserved 2, -7 bits", uuid, guid + "-7", 2, E, eeee, 2},
+        {"reserved 2, 104 bits", uuid, guid + "104", 2, E, P(12, E), 2},
+        {"reserved 2, -128 bits", uuid, guid + "-128", 2, E, P(12, E), 2},
         // 12 zero bytes copied leave the address invalid: generated with
         // host id 0, even on a loopback host.
-        {"reserved 2, zero GUID prefix", uuid, {}, 0, 0, G(0), 2, any, 0, loop},
+        {"reserved 2, zero GUID prefix", uuid, "", 0, 0, G(0), 2, any, 0, loop},
         // The loopback id: the generator's host id, shmemUUID untouched and
         // then generated from it.
-        {"loopback unique id", uuid, {}, 0, 0, G(GH), 0, any, X, loop},
-        {"loopback unique id, shmemUUID set", uuid, {}, 0, E, eeee, 0, any, 0, loop},
-        {"loopback unique id, minimum 6.0.0.0", uuid, {}, 2, 0, G(GH), 0, v600, 0, loop},
-        // The generated address carries the record's class id.
-        {"the record's class id", mac, classid, 1, 0, generated(GM, 0x01000002)},
+        {"loopback unique id", uuid, "", 0, 0, G(GH), 0, any, X, loop},
+        {"loopback unique id, shmemUUID set", uuid, "", 0, E, eeee, 0, any, 0, loop},
+        {"loopback unique id, minimum 6.0.0.0", uuid, "", 2, 0, G(GH), 0, v600, 0, loop},
+        // The generated address carries the record's class id; none for 0
+        // or a negative one (logged, and the setup succeeds).
+        {"the record's class id", mac, "parent.classid=0x01000002", 1, 0,
+         generated(GM, 0x01000002)},
+        {"class id 0", none, "parent.classid=0;host_id=3", 2, 0, invalid, 0, any, 0, host,
+         noAddress},
+        {"class id -5", none, "parent.classid=-5;host_id=3", 2, 0, invalid, 0, any, 0, host,
+         noAddress},
+        // Without "host_id" the policy needs a generator.
+        {"FROM_IP, no generator", ip, "", -1, 0, invalid, 0, any, 0, host, precondition, false},
+        {"FROM_MAC, no generator", mac, "", -1, 0, invalid, 0, any, 0, host, precondition, false},
+        {"FROM_UUID, no generator", uuid, "", -1, 0, invalid, 0, any, 0, host, precondition, false},
     };
-    ForcedRobustMutex forced(0);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        UniqueIdOverride uniqueId(c.uniqueId);
-        Generator generator;
-        PropertyList properties(c.properties);
-        DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
-        policy.rtps_host_id = c.rtpsHostId;
-        if (c.policyKind != NO_POLICY) {
-            policy.rtps_auto_id_kind = static_cast<DDS_RtpsAutoIdKind>(c.policyKind);
-        }
-        LogCapture log;
         ShmemRecord run;
-        run.record.reserved = c.reserved;
-        std::memset(run.record.shmemUUID.network_ordered_value, c.before, 16);
-        const DDS_ProductVersion_t minimum = c.minimum.value_or(zero);
-        EXPECT_EQ(c.count, run.setup(properties, c.policyKind == NO_POLICY ? nullptr : &policy,
-                                     generator.generator, c.minimum ? &minimum : nullptr));
-        EXPECT_EQ(c.expected, field(run.record, "shmemUUID"));
-        EXPECT_EQ(std::vector<std::string>{}, describeAll(log));
-    }
-}
-
-// The policy and its generator: with "host_id" neither is read; without
-// it, a missing generator is a failed precondition, and the locator flag
-// is read (and can fail) only for FROM_UUID. An address that cannot be
-// generated is logged, and the setup succeeds.
-TEST(ShmemSetup, ThePolicyItsGeneratorAndTheGeneratedAddress) {
-    struct Case {
-        NameValues properties;
-        int kind;  // NO_POLICY: none
-        bool withGenerator;
-        int result;
-        std::vector<std::string> messages;  // "precondition": one precondition failure
-        std::string address;
-    };
-    const std::string invalid(32, '0');
-    const std::vector<std::string> precondition = {"precondition"};
-    const std::string notGenerated =
-        error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s", {"generate default network address"});
-    const std::vector<Case> cases = {
-        {{{"host_id", "9"}}, DDS_RTPS_AUTO_ID_FROM_UUID, false, 1, {}, generated(9)},
-        {{}, DDS_RTPS_AUTO_ID_FROM_IP, false, -1, precondition, invalid},
-        {{}, DDS_RTPS_AUTO_ID_FROM_MAC, false, -1, precondition, invalid},
-        {{}, DDS_RTPS_AUTO_ID_FROM_UUID, false, -1, precondition, invalid},
-        {{{"use_530_from_uuid_locator", "maybe"}},
-         DDS_RTPS_AUTO_ID_FROM_UUID,
-         true,
-         -1,
-         {parser("use_530_from_uuid_locator", "maybe")},
-         invalid},
-        {{{"use_530_from_uuid_locator", "maybe"}},
-         DDS_RTPS_AUTO_ID_FROM_MAC,
-         true,
-         0,
-         {},
-         generated(GENERATOR_MAC_HOST_ID)},
-        {{{"parent.classid", "0"}, {"host_id", "3"}}, NO_POLICY, false, 2, {notGenerated}, invalid},
-        {{{"parent.classid", "-5"}, {"host_id", "3"}},
-         NO_POLICY,
-         false,
-         2,
-         {notGenerated},
-         invalid},
-    };
-    UniqueIdOverride uniqueId(HOST_UNIQUE_ID);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(&c - cases.data());
-        Generator generator;
-        PropertyList properties(c.properties);
-        DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
-        policy.rtps_auto_id_kind = static_cast<DDS_RtpsAutoIdKind>(c.kind);
-        policy.rtps_host_id = 5;
-        LogCapture log;
-        ShmemRecord run;
-        EXPECT_EQ(c.result, run.setup(properties, c.kind == NO_POLICY ? nullptr : &policy,
-                                      c.withGenerator ? generator.generator : nullptr, nullptr));
-        if (c.messages == precondition) {
-            expectPrecondition(log, SHMEM_SETUP, "");
-        } else {
-            EXPECT_EQ(c.messages, describeAll(log));
-        }
+        Messages log;
+        const Start start = {.policy = c.policy,
+                             .hostId = c.hostId,
+                             .fill = c.fill,
+                             .reserved = c.reserved,
+                             .minimum = c.minimum,
+                             .uniqueId = c.uniqueId,
+                             .generator = c.generator};
+        EXPECT_EQ(c.result, setup(run, c.properties, start, log));
         EXPECT_EQ(c.address, field(run.record, "shmemUUID"));
+        EXPECT_EQ(c.messages, log);
     }
 }
 
@@ -468,140 +433,68 @@ TEST(ShmemSetup, ThePolicyItsGeneratorAndTheGeneratedAddress) {
 // name, never under the prefix) and counted once unless the setup failed
 // before it.
 TEST(ShmemSetup, TheGenericPartAndValidationComeBeforeTheSettings) {
-    struct Case {
-        NameValues properties;
-        int result;
-        std::vector<std::string> messages;
+    const auto parentFails = [](const char *name, const char *value) {
+        return Messages{error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {name, value}),
+                        error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"})};
     };
-    const char *ACTION = DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME;
-    const std::string parent =
-        error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"parent properties"});
-    const auto unknown = [](const char *name, KEL_UINT32 level = KEL_LOG_BIT_ERROR) {
-        return message(level, VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {name});
+    const auto unknown = [](const std::string &name, const std::string &prefix = "") {
+        return Messages{error(VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {name}),
+                        error(SHMEM_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix})};
     };
-    const auto inconsistent = [](const char *prefix) {
-        return error(SHMEM_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix});
-    };
-    const std::vector<Case> cases = {
-        {{{"parent.classid", "nope"}},
-         -1,
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"parent.classid", "nope"}), parent}},
+    const std::string shm = "dds.transport.shmem.builtin", builtin = "prefix=" + shm + ";";
+    const std::vector<std::tuple<std::string, int, Messages>> cases = {
+        {"parent.classid=nope", -1, parentFails("parent.classid", "nope")},
         // The generic part comes before validation: an unknown name is not
         // reported then.
-        {{{"bogus", "1"}, {"parent.max_interface_count", "many"}},
-         -1,
-         {error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {"parent.max_interface_count", "many"}),
-          parent}},
-        {{{ACTION, "sometimes"}},
+        {"bogus=1;parent.max_interface_count=many", -1,
+         parentFails("parent.max_interface_count", "many")},
+        {ACTION + "=sometimes",
          -1,
          {error("DDS_PropertyQosPolicy_parse_property_validation_action",
                 "KEL_LOG_PARSER_FAILURE_ss", {ACTION, "sometimes"}),
           error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_s", {"property_validation_action"})}},
-        {{{"bogus", "1"}}, -1, {unknown("bogus"), inconsistent("")}},
-        {{{"bogus", "1"}, {ACTION, "EXCEPTION"}}, -1, {unknown("bogus"), inconsistent("")}},
+        {"bogus=1", -1, unknown("bogus")},
+        {"bogus=1;" + ACTION + "=EXCEPTION", -1, unknown("bogus")},
         // Names of the UDP classes are not the shared-memory transport's.
-        {{{"send_socket_buffer_size", "1"}},
-         -1,
-         {unknown("send_socket_buffer_size"), inconsistent("")}},
-        {{{"public_address", "1.2.3.4"}}, -1, {unknown("public_address"), inconsistent("")}},
-        {{{"prefix", "dds.transport.shmem.builtin"}, {"dds.transport.shmem.builtin.bogus", "1"}},
-         -1,
-         {unknown("dds.transport.shmem.builtin.bogus"),
-          inconsistent("dds.transport.shmem.builtin")}},
-        {{{"bogus", "1"}, {ACTION, "WARNING"}}, 1, {unknown("bogus", KEL_LOG_BIT_WARN)}},
-        {{{"bogus", "1"}, {ACTION, "skip"}}, 1, {}},
-        {{{"bogus", "1"}, {ACTION, "DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP"}}, 1, {}},
+        {"send_socket_buffer_size=1", -1, unknown("send_socket_buffer_size")},
+        {"public_address=1.2.3.4", -1, unknown("public_address")},
+        {builtin + shm + ".bogus=1", -1, unknown(shm + ".bogus", shm)},
+        {"bogus=1;" + ACTION + "=WARNING",
+         1,
+         {message(KEL_LOG_BIT_WARN, VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {"bogus"})}},
+        {"bogus=1;" + ACTION + "=skip", 1, {}},
+        {"bogus=1;" + ACTION + "=DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP", 1, {}},
         // "prefix" counts once; names outside it are not tested.
-        {{{"prefix", "dds.transport.shmem.builtin"}, {"bogus", "1"}}, 2, {}},
-        {{{"prefix", "dds.transport.shmem.builtin"},
-          {"dds.transport.shmem.builtin.received_message_count_max", "9"}},
-         2,
-         {}},
+        {builtin + "bogus=1", 2, {}},
+        {builtin + shm + ".received_message_count_max=9", 2, {}},
         // "p.host_id" passes validation but is not read.
-        {{{"prefix", "p."}, {"p.host_id", "9"}, {"bogus", "1"}}, 2, {}},
-        {{{"prefix", ""}, {"host_id", "9"}}, 3, {}},
+        {"prefix=p.;p.host_id=9;bogus=1", 2, {}},
+        {"prefix=;host_id=9", 3, {}},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.properties.front().first + " = " + c.properties.front().second);
-        PropertyList properties(c.properties);
-        properties.add("received_message_count_max", "5");
-        LogCapture log;
+    for (const auto &[list, result, messages] : cases) {
+        SCOPED_TRACE(list);
         ShmemRecord run;
-        EXPECT_EQ(c.result, run.setup(properties));
-        EXPECT_EQ(c.messages, describeAll(log));
-        EXPECT_EQ(c.result < 0 ? 64 : 5, run.record.received_message_count_max);
+        Messages log;
+        EXPECT_EQ(result, setup(run, list + ";received_message_count_max=5", {}, log));
+        EXPECT_EQ(messages, log);
+        EXPECT_EQ(result < 0 ? 64 : 5, run.record.received_message_count_max);
     }
 }
 
-// Every name at once, with the action EXCEPTION: validation passes and the
-// result counts each property applied once (a list under both its names,
-// and the two thread-name prefixes, count once; the locator flag is not
-// read when "host_id" is given).
-TEST(ShmemSetup, EveryNameAtOncePassesValidationAndCountsOnceEach) {
-    PropertyList properties{
-        {"parent.classid", "16777216"},
-        {"parent.address_bit_count", "-96"},
-        {"parent.properties_bitmap", "TRANSPORT_PROPERTY_BIT_BUFFER_ALWAYS_LOANED"},
-        {"parent.gather_send_buffer_count_max", "512"},
-        {"parent.message_size_max", "32768"},
-        {"parent.allow_interfaces", "shm0"},
-        {"parent.allow_interfaces_list", "shm1,shm2"},
-        {"parent.deny_interfaces", "shm3"},
-        {"parent.deny_interfaces_list", "shm4"},
-        {"parent.allow_multicast_interfaces", "shm5"},
-        {"parent.allow_multicast_interfaces_list", "shm6"},
-        {"parent.deny_multicast_interfaces", "shm7"},
-        {"parent.deny_multicast_interfaces_list", "shm8"},
-        {"parent.thread_name_prefix", "shmA"},
-        {"thread_name_prefix", "shmB"},
-        {"participant_guid_prefix", "1,2,3"},
-        {"parent.max_interface_count", "LENGTH_UNLIMITED"},
-        {"received_message_count_max", "32"},
-        {"receive_buffer_size", "65536"},
-        {"segmentKeyOffset", "1"},
-        {"segmentKeyFactor", "2"},
-        {"semaphoreKeyOffset", "3"},
-        {"semaphoreKeyFactor", "4"},
-        {"mutexKeyOffset", "5"},
-        {"mutexKeyFactor", "6"},
-        {"enable_udp_debugging", "true"},
-        {"udp_debugging_address", "239.255.1.3"},
-        {"udp_debugging_port", "7401"},
-        {"maxAllowedWriterDurationMillisec", "250"},
-        {"CORE_6518_unit_test_disable_shmem", "false"},
-        {"host_id", "0x10"},
-        {"use_530_from_uuid_locator", "true"},
-        {"prefix", ""},
-        {DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME, "EXCEPTION"},
-    };
-    const DDS_ProductVersion_t minimum = {6, 1, 0, 0};
-    Generator generator;
-    DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
-    ForcedRobustMutex forced(0);
-    LogCapture log;
-    ShmemRecord run;
-    // 12 generic, "prefix", 12 settings, the minimum, the switch, "host_id".
-    EXPECT_EQ(12 + 1 + 12 + 1 + 1 + 1,
-              run.setup(properties, &policy, generator.generator, &minimum));
-    EXPECT_EQ(std::vector<std::string>{}, describeAll(log));
-    EXPECT_EQ("1,1,1,1,0,0", renderFlags(run.flags));
-    EXPECT_STREQ("shmA", run.record.parent.thread_name_prefix);
-    EXPECT_EQ(4, run.record.majorVersion);
-    EXPECT_EQ(0, run.record.reserved);
-    EXPECT_EQ(generated(0x10), field(run.record, "shmemUUID"));
-}
-
-// Every allocation refused in turn, with every property, a wire-protocol
-// policy and a generator (a path no factory takes): -1 and errors only,
-// every list held is flagged and whole, and the cleanup leaves nothing.
-TEST(ShmemSetup, EveryAllocationFailureLeavesOnlyFlaggedListsBehind) {
+// Every name at once (support/EveryProperty.hpp) with the action EXCEPTION,
+// a wire-protocol policy and a generator (a path no factory takes). When no
+// allocation is refused, validation passes and the result counts each
+// property applied once: a list under both its names, and the two
+// thread-name prefixes, count once; the locator flag is not read when
+// "host_id" is given. When one is refused: -1 and errors only, and every
+// list held is flagged and whole. The cleanup leaves nothing either way.
+TEST(ShmemSetup, EveryNameAtOnceAndEveryAllocationFailure) {
     PropertyList properties;
-    for (const std::string &suffix : acceptedSuffixes(Class::shmem)) {
-        properties.add(suffix, valueFor(suffix, Class::shmem));
-    }
-    const DDS_ProductVersion_t minimum = {5, 0, 0, 0};
+    properties.addEvery(Class::shmem).add("prefix", "").add(ACTION, "EXCEPTION");
+    const V minimum = {6, 1, 0, 0};
     const DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
     Generator generator;
+    ForcedRobustMutex forced(0);
     struct Outcome {
         ShmemRecord run;
         int result = 0;
@@ -616,25 +509,32 @@ TEST(ShmemSetup, EveryAllocationFailureLeavesOnlyFlaggedListsBehind) {
             return outcome;
         },
         [&](const SweepStep &step, Outcome &outcome) {
+            const Shmem &record = outcome.run.record;
             const std::string flags = renderFlags(outcome.run.flags);
             const char *lists[] = {"allow_interfaces_list", "deny_interfaces_list",
                                    "allow_multicast_interfaces_list",
                                    "deny_multicast_interfaces_list"};
             for (int i = 0; i < 4; ++i) {
-                const std::string held = field(outcome.run.record, lists[i]);
+                const std::string held = field(record, lists[i]);
                 EXPECT_EQ(held != "null", flags[2 * i] == '1') << lists[i];
                 EXPECT_EQ(std::string::npos, held.find("null]")) << held;
             }
-            if (!step.failed) {
-                EXPECT_EQ(13 + 14, outcome.result);
-                EXPECT_TRUE(outcome.log.empty());
-                return;
-            }
-            EXPECT_EQ(-1, outcome.result);
-            ASSERT_FALSE(outcome.log.empty());
             for (const LogEntry &entry : outcome.log) {
                 EXPECT_EQ(static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR), entry.level) << entry.text;
             }
+            if (step.failed) {
+                EXPECT_EQ(-1, outcome.result);
+                EXPECT_FALSE(outcome.log.empty());
+                return;
+            }
+            // 12 generic, "prefix", 12 settings, the minimum, the switch, "host_id".
+            EXPECT_EQ(12 + 1 + 12 + 1 + 1 + 1, outcome.result);
+            EXPECT_TRUE(outcome.log.empty());
+            EXPECT_EQ("1,1,1,1,0,0", flags);
+            EXPECT_STREQ("sweep", record.parent.thread_name_prefix);
+            EXPECT_EQ(4, record.majorVersion);
+            EXPECT_EQ(0, record.reserved);
+            EXPECT_EQ(generated(7), field(record, "shmemUUID"));
         },
         [](Outcome &outcome) {
             VESK_Transport_cleanupShmemProperty(&outcome.run.record, &outcome.run.flags);

@@ -1,13 +1,9 @@
 // The allocation-failure sweep: runs an operation once for every heap
-// allocation it makes, failing that allocation (n = 1, 2, ...), until a run
-// completes without the injected failure firing.
-//
-// Each run goes: arm KELOsapiHeap_failAllocationAfter(n); operation();
-// disarm; checker(step, outcome) with step.failed telling whether the n-th
-// allocation was refused; cleanup(outcome); then no heap block may be live
-// that was not live before the run. The operation returns an outcome value
-// that holds whatever the checker and the cleanup need (a result, a record,
-// a plugin pointer).
+// allocation it makes, refusing that allocation (n = 1, 2, ...), until a run
+// completes without the refusal firing. Each run: operation() returns an
+// outcome (whatever the checker and the cleanup need); checker(step,
+// outcome) with gtest assertions; cleanup(outcome) releases what the run
+// allocated; then no heap block may be live that was not live before.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,15 +22,10 @@ struct SweepStep {
 };
 
 struct SweepSummary {
-    // Runs in which an allocation was refused: the number of allocations the
-    // operation makes on its way to success.
-    long failurePoints = 0;
+    long failurePoints = 0;  // runs with a refusal: the allocations on the way to success
     bool completed = false;  // a run finished without the injected failure
 };
 
-// Operation: () -> Outcome. Checker: (const SweepStep &, Outcome &) -> void,
-// with gtest assertions. Cleanup: (Outcome &) -> void, releasing everything
-// the run allocated.
 template <typename Operation, typename Checker, typename Cleanup>
 SweepSummary sweepAllocationFailures(Operation &&operation, Checker &&checker, Cleanup &&cleanup,
                                      long maxRuns = 100000) {

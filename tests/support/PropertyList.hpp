@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -44,6 +45,22 @@ public:
     PropertyList &add(const std::string &prefix, const std::string &suffix,
                       const std::string &value) {
         return add(prefix.empty() ? suffix : prefix + "." + suffix, value);
+    }
+
+    // Every suffix the class accepts with a valid value, under the prefix if
+    // given; there a UDP class reads the WAN names too.
+    PropertyList &addEvery(Class cls, const char *prefix = nullptr) {
+        std::vector<std::string> suffixes = acceptedSuffixes(cls);
+        for (const std::string &suffix : acceptedSuffixes(Class::udpv4Wan)) {
+            if (prefix != nullptr && cls != Class::shmem &&
+                std::find(suffixes.begin(), suffixes.end(), suffix) == suffixes.end()) {
+                suffixes.push_back(suffix);
+            }
+        }
+        for (const std::string &suffix : suffixes) {
+            add(prefix == nullptr ? "" : prefix, suffix, valueFor(suffix, cls));
+        }
+        return *this;
     }
 
     const DDS_PropertyQosPolicy *get() const { return &policy_; }
