@@ -116,14 +116,10 @@ TEST(Participant, EnableInstallsEveryBuiltinOfTheMaskUnderItsAlias) {
                 configuratorOf(participant), nullptr, &list, nullptr);
             ASSERT_NE(plugin, nullptr) << alias;
             EXPECT_EQ(plugin->property->classid, classid);
-            VESK_Transport_Address_t address;
-            std::memset(&address, 0xAB, sizeof address);
-            ASSERT_EQ(
-                KELNetioConfigurator_queryTransportPlugin(configuratorOf(participant), &aliases,
-                                                          &address, nullptr, plugin, nullptr),
-                1);
+            ASSERT_EQ(KELNetioConfigurator_queryTransportPlugin(
+                          configuratorOf(participant), &aliases, nullptr, nullptr, plugin, nullptr),
+                      1);
             EXPECT_STREQ(aliases.element, alias);
-            EXPECT_EQ(vesk::test::hex(address), std::string(32, '0'));
         }
         DDS_DomainParticipant_delete(participant);
     }
