@@ -74,34 +74,27 @@ TEST_F(HostTest, IdentityComesFromTheFirstSourceThatHasOne) {
         "ip link add v0 type veth peer name v1 && ip link set v1 address 02:00:00:11:22:33 && "
         "ip link set v0 address 02:00:00:aa:bb:cc up && ip link set lo up";
     const std::string address = " && ip addr add 198.51.100.7/24 dev v0";
-    const std::string machineId = "3d1219c7c4c5404aaa1f6d2a48adfda4\n";
-    const std::string dbusId = "0123456789abcdef0123456789abcdef\n";
     const struct {
-        const char *label;
-        vesk::test::Isolation isolation;
-        std::string expected;
-    } rows[] = {{"machine-id",
-                 {link + address,
-                  {"/etc", "/var/lib"},
-                  {{"/etc/machine-id", machineId}, {"/var/lib/dbus/machine-id", dbusId}}},
-                 "1 3d1219c7c4c5404aaa1f6d2a48adfda4 c6336407 00aabbcc"},
-                {"malformed machine-id, then the dbus one",
-                 {link + address,
-                  {"/etc", "/var/lib"},
-                  {{"/etc/machine-id", "uninitialized\n"}, {"/var/lib/dbus/machine-id", dbusId}}},
-                 "2 0123456789abcdef0123456789abcdef c6336407 00aabbcc"},
-                {"the IPv4 address of an interface that is up",
-                 {link + address, {"/etc", "/var/lib"}, {}},
-                 "3 c6336407000000000000000000000000 c6336407 00aabbcc"},
-                {"an address on a down interface does not count",
-                 {link + " && ip link set v0 down" + address, {"/etc", "/var/lib"}, {}},
-                 "4 7f000001000000000000000000000000 7f000001 00112233"},
-                {"nothing: the loopback",
-                 {"ip link set lo up", {"/etc", "/var/lib"}, {}},
-                 "4 7f000001000000000000000000000000 7f000001 7f000001"}};
+        std::string commands, machineId, dbusId;  // "": no such file
+        const char *expected;
+    } rows[] = {
+        {link + address, "3d1219c7c4c5404aaa1f6d2a48adfda4\n", "0123456789abcdef0123456789abcdef\n",
+         "1 3d1219c7c4c5404aaa1f6d2a48adfda4 c6336407 00aabbcc"},
+        {link + address, "uninitialized\n", "0123456789abcdef0123456789abcdef\n",
+         "2 0123456789abcdef0123456789abcdef c6336407 00aabbcc"},
+        {link + address, "", "", "3 c6336407000000000000000000000000 c6336407 00aabbcc"},
+        // An address on a down interface does not count; then only the loopback.
+        {link + " && ip link set v0 down" + address, "", "",
+         "4 7f000001000000000000000000000000 7f000001 00112233"},
+        {"ip link set lo up", "", "", "4 7f000001000000000000000000000000 7f000001 7f000001"}};
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.label);
-        const std::string got = vesk::test::runIsolated(row.isolation, identity);
+        SCOPED_TRACE(row.expected);
+        const vesk::test::Isolation isolation{
+            row.commands,
+            {"/etc", "/var/lib"},
+            {{row.machineId.empty() ? "" : "/etc/machine-id", row.machineId},
+             {row.dbusId.empty() ? "" : "/var/lib/dbus/machine-id", row.dbusId}}};
+        const std::string got = vesk::test::runIsolated(isolation, identity);
         if (got.rfind("SKIP", 0) == 0) GTEST_SKIP() << got;
         EXPECT_EQ(got, row.expected);
     }
