@@ -78,8 +78,9 @@ TEST_F(ConfiguratorTest, NewAppliesDefaultsAndSurvivesEveryAllocationFailure) {
               VESK_TRANSPORT_CLASSID_SHMEM);
     KELNetioConfigurator_delete(made);
     KELNetioConfigurator_delete(nullptr);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCount(nullptr), 0);
-    EXPECT_EQ(KELNetioConfigurator_getPluginCountMax(nullptr), 0);
+    EXPECT_EQ(KELNetioConfigurator_getPluginCount(nullptr) +
+                  KELNetioConfigurator_getPluginCountMax(nullptr),
+              0);
 }
 
 // Each row starts from "a,busy,c" and "d" installed; the configurator owns what it
@@ -153,9 +154,7 @@ TEST_F(ConfiguratorTest, QueriesAndLookupsNameTheInstallation) {
     const REDAWeakReference alpha = install("alpha,beta", VESK_TRANSPORT_CLASSID_UDPv4);
     const REDAWeakReference gamma = install("gamma", VESK_TRANSPORT_CLASSID_UDPv4);
     EXPECT_EQ(alpha._manager, reinterpret_cast<const REDAWeakReferenceManager *>(configurator_));
-    EXPECT_EQ(alpha._index, 1u);
-    EXPECT_EQ(gamma._index, 2u);
-    EXPECT_EQ(gamma._referentEpochAtCreation, 3u);
+    EXPECT_TRUE(alpha._index == 1u && gamma._index == 2u && gamma._referentEpochAtCreation == 3u);
     const std::pair<const char *, const REDAWeakReference *> rows[] = {
         {"beta", &alpha},  {"gamma,alpha", &gamma}, {"nobody,beta,gamma", &alpha},
         {"alph", nullptr}, {"", nullptr},           {"nobody", nullptr}};
@@ -207,8 +206,8 @@ TEST_F(ConfiguratorTest, QueriesAndLookupsNameTheInstallation) {
     EXPECT_EQ(KELNetioConfigurator_getTransportPluginByClass(configurator_, 1, &worker_),
               KELNetioConfigurator_getTransportPluginFromAlias(configurator_, nullptr, &alphaList,
                                                                &worker_));
-    EXPECT_EQ(KELNetioConfigurator_getTransportPluginByClass(configurator_, 2, &worker_), nullptr);
-    EXPECT_EQ(KELNetioConfigurator_getTransportPluginByClass(nullptr, 1, &worker_), nullptr);
+    EXPECT_FALSE(KELNetioConfigurator_getTransportPluginByClass(configurator_, 2, &worker_) ||
+                 KELNetioConfigurator_getTransportPluginByClass(nullptr, 1, &worker_));
 }
 
 // Routes are stored in order; a refused one says why.
