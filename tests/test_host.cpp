@@ -28,6 +28,11 @@ protected:
 };
 
 TEST_F(HostTest, MachineIdTexts) {
+    // First in this executable: no override is set before the first one.
+    KELOsapiHostIdSource source;
+    KELOsapiHostId id;
+    ASSERT_NE(KELOsapiHost_getUniqueIdWithSource(&id, &source), 0);
+    EXPECT_NE(source, KEL_OSAPI_HOST_ID_SOURCE_OVERRIDE);
     // Second: nullptr for a refusal that leaves the id untouched.
     const std::pair<const char *, const char *> rows[] = {
         {"3d1219c7c4c5404aaa1f6d2a48adfda4\n", "3d1219c7c4c5404aaa1f6d2a48adfda4"},
@@ -45,7 +50,6 @@ TEST_F(HostTest, MachineIdTexts) {
     const std::string kUntouched = hex(std::string(16, '\xab').data(), 16);
     for (const auto &[text, expected] : rows) {
         SCOPED_TRACE(text != nullptr ? text : "(null)");
-        KELOsapiHostId id;
         std::memset(&id, 0xAB, sizeof id);
         EXPECT_EQ(KELOsapiHost_parseMachineId(text, &id) != 0, expected != nullptr);
         EXPECT_EQ(hex(id.value, 16), expected != nullptr ? expected : kUntouched);
@@ -69,11 +73,13 @@ std::string identity() {
 
 TEST_F(HostTest, IdentityComesFromTheFirstSourceThatHasOne) {
     // v1 (down, made first) and v0 (up) have MAC addresses of our choice;
-    // v0 holds the only IPv4 address outside the loopback.
+    // v0 holds the only IPv4 address outside the loopback range.
     const std::string link =
         "ip link add v0 type veth peer name v1 && ip link set v1 address 02:00:00:11:22:33 && "
         "ip link set v0 address 02:00:00:aa:bb:cc up && ip link set lo up";
-    const std::string address = " && ip addr add 198.51.100.7/24 dev v0";
+    // A loopback-range address listed first on v0 does not count either.
+    const std::string address =
+        " && ip addr add 127.0.0.2/8 dev v0 && ip addr add 198.51.100.7/24 dev v0";
     const struct {
         std::string commands, machineId, dbusId;  // "": no such file
         const char *expected;

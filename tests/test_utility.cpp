@@ -302,6 +302,7 @@ TEST(SocketUtil, HostNamesAreCheckedBeforeTheResolverSeesThem) {
         {label64 + ".example", 1, nullptr},
         {name254, 1, nullptr},
         {"a.123", 1, nullptr},
+        {"4294967296", 1, nullptr},
         {"-a.example", 1, nullptr},
         {"a-.example", 1, nullptr},
         {"example.a-", 1, nullptr},
@@ -315,7 +316,7 @@ TEST(SocketUtil, HostNamesAreCheckedBeforeTheResolverSeesThem) {
         label63 + ".example\n" + "10.0.0.5 " + name253 + "\n10.0.0.6 trailing.dot.\n";
     // What a lax check would let through, so that it resolves.
     hosts += "10.9.9.1 " + label64 + ".example\n10.9.9.2 " + name254 +
-             "\n10.9.9.3 a.123\n10.9.9.4 -a.example\n10.9.9.5 a-.example\n";
+             "\n10.9.9.3 a.123\n10.9.9.6 4294967296\n10.9.9.4 -a.example\n10.9.9.5 a-.example\n";
     const vesk::test::Isolation isolation{
         "", {"/etc", ""}, {{"/etc/hosts", hosts}, {"/etc/nsswitch.conf", "hosts: files\n"}}};
     const std::string got = vesk::test::runIsolated(isolation, [&] { return addressesOf(rows); });
