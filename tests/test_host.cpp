@@ -28,29 +28,31 @@ protected:
 };
 
 TEST_F(HostTest, MachineIdTexts) {
-    struct Row {
-        const char *text;
-        const char *expected;  // nullptr: refused, id untouched
-    };
-    const Row rows[] = {{"3d1219c7c4c5404aaa1f6d2a48adfda4\n", "3d1219c7c4c5404aaa1f6d2a48adfda4"},
-                        {"0123456789ABCDEFabcdef0000000001", "0123456789abcdefabcdef0000000001"},
-                        {"00000000000000000000000000000000\n", nullptr},
-                        {"3d1219c7c4c5404aaa1f6d2a48adfda", nullptr},
-                        {"3d1219c7c4c5404aaa1f6d2a48adfda4a", nullptr},
-                        {"3d1219c7c4c5404aaa1f6d2a48adfda4\n\n", nullptr},
-                        {"3d1219c7c4c5404aaa1f6d2a48adfda4\r\n", nullptr},
-                        {"3d1219c7c4c5404aaa1f6d2a48adfdg4", nullptr},
-                        {"g3d1219c7c4c5404aaa1f6d2a48adfda4", nullptr},
-                        {"3d1219c7-c4c5-404a-aa1f-6d2a48adfda4", nullptr},
-                        {"", nullptr},
-                        {nullptr, nullptr}};
+    // First in this executable: no override is set before the first one.
+    KELOsapiHostIdSource source;
+    KELOsapiHostId id;
+    ASSERT_NE(KELOsapiHost_getUniqueIdWithSource(&id, &source), 0);
+    EXPECT_NE(source, KEL_OSAPI_HOST_ID_SOURCE_OVERRIDE);
+    // Second: nullptr for a refusal that leaves the id untouched.
+    const std::pair<const char *, const char *> rows[] = {
+        {"3d1219c7c4c5404aaa1f6d2a48adfda4\n", "3d1219c7c4c5404aaa1f6d2a48adfda4"},
+        {"0123456789ABCDEFabcdef0000000001", "0123456789abcdefabcdef0000000001"},
+        {"00000000000000000000000000000000\n", nullptr},
+        {"3d1219c7c4c5404aaa1f6d2a48adfda", nullptr},
+        {"3d1219c7c4c5404aaa1f6d2a48adfda4a", nullptr},
+        {"3d1219c7c4c5404aaa1f6d2a48adfda4\n\n", nullptr},
+        {"3d1219c7c4c5404aaa1f6d2a48adfda4\r\n", nullptr},
+        {"3d1219c7c4c5404aaa1f6d2a48adfdg4", nullptr},
+        {"g3d1219c7c4c5404aaa1f6d2a48adfda4", nullptr},
+        {"3d1219c7-c4c5-404a-aa1f-6d2a48adfda4", nullptr},
+        {"", nullptr},
+        {nullptr, nullptr}};
     const std::string kUntouched = hex(std::string(16, '\xab').data(), 16);
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.text != nullptr ? row.text : "(null)");
-        KELOsapiHostId id;
+    for (const auto &[text, expected] : rows) {
+        SCOPED_TRACE(text != nullptr ? text : "(null)");
         std::memset(&id, 0xAB, sizeof id);
-        EXPECT_EQ(KELOsapiHost_parseMachineId(row.text, &id) != 0, row.expected != nullptr);
-        EXPECT_EQ(hex(id.value, 16), row.expected != nullptr ? row.expected : kUntouched);
+        EXPECT_EQ(KELOsapiHost_parseMachineId(text, &id) != 0, expected != nullptr);
+        EXPECT_EQ(hex(id.value, 16), expected != nullptr ? expected : kUntouched);
     }
     EXPECT_EQ(KELOsapiHost_parseMachineId("3d1219c7c4c5404aaa1f6d2a48adfda4", nullptr), 0);
 }
@@ -71,41 +73,34 @@ std::string identity() {
 
 TEST_F(HostTest, IdentityComesFromTheFirstSourceThatHasOne) {
     // v1 (down, made first) and v0 (up) have MAC addresses of our choice;
-    // v0 holds the only IPv4 address outside the loopback.
+    // v0 holds the only IPv4 address outside the loopback range.
     const std::string link =
         "ip link add v0 type veth peer name v1 && ip link set v1 address 02:00:00:11:22:33 && "
         "ip link set v0 address 02:00:00:aa:bb:cc up && ip link set lo up";
-    const std::string address = " && ip addr add 198.51.100.7/24 dev v0";
-    const std::string machineId = "3d1219c7c4c5404aaa1f6d2a48adfda4\n";
-    const std::string dbusId = "0123456789abcdef0123456789abcdef\n";
-    struct Row {
-        const char *label;
-        vesk::test::Isolation isolation;
-        std::string expected;
-    };
-    const Row rows[] = {
-        {"machine-id",
-         {link + address,
-          {"/etc", "/var/lib"},
-          {{"/etc/machine-id", machineId}, {"/var/lib/dbus/machine-id", dbusId}}},
+    // A loopback-range address listed first on v0 does not count either.
+    const std::string address =
+        " && ip addr add 127.0.0.2/8 dev v0 && ip addr add 198.51.100.7/24 dev v0";
+    const struct {
+        std::string commands, machineId, dbusId;  // "": no such file
+        const char *expected;
+    } rows[] = {
+        {link + address, "3d1219c7c4c5404aaa1f6d2a48adfda4\n", "0123456789abcdef0123456789abcdef\n",
          "1 3d1219c7c4c5404aaa1f6d2a48adfda4 c6336407 00aabbcc"},
-        {"malformed machine-id, then the dbus one",
-         {link + address,
-          {"/etc", "/var/lib"},
-          {{"/etc/machine-id", "uninitialized\n"}, {"/var/lib/dbus/machine-id", dbusId}}},
+        {link + address, "uninitialized\n", "0123456789abcdef0123456789abcdef\n",
          "2 0123456789abcdef0123456789abcdef c6336407 00aabbcc"},
-        {"the IPv4 address of an interface that is up",
-         {link + address, {"/etc", "/var/lib"}, {}},
-         "3 c6336407000000000000000000000000 c6336407 00aabbcc"},
-        {"an address on a down interface does not count",
-         {link + " && ip link set v0 down" + address, {"/etc", "/var/lib"}, {}},
+        {link + address, "", "", "3 c6336407000000000000000000000000 c6336407 00aabbcc"},
+        // An address on a down interface does not count; then only the loopback.
+        {link + " && ip link set v0 down" + address, "", "",
          "4 7f000001000000000000000000000000 7f000001 00112233"},
-        {"nothing: the loopback",
-         {"ip link set lo up", {"/etc", "/var/lib"}, {}},
-         "4 7f000001000000000000000000000000 7f000001 7f000001"}};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.label);
-        const std::string got = vesk::test::runIsolated(row.isolation, identity);
+        {"ip link set lo up", "", "", "4 7f000001000000000000000000000000 7f000001 7f000001"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.expected);
+        const vesk::test::Isolation isolation{
+            row.commands,
+            {"/etc", "/var/lib"},
+            {{row.machineId.empty() ? "" : "/etc/machine-id", row.machineId},
+             {row.dbusId.empty() ? "" : "/var/lib/dbus/machine-id", row.dbusId}}};
+        const std::string got = vesk::test::runIsolated(isolation, identity);
         if (got.rfind("SKIP", 0) == 0) GTEST_SKIP() << got;
         EXPECT_EQ(got, row.expected);
     }
@@ -125,8 +120,8 @@ TEST_F(HostTest, OverrideReplacesTheSourcesAndNullRestoresThem) {
     KELOsapiHost_setUniqueIdOverride(nullptr);
     ASSERT_NE(KELOsapiHost_getUniqueIdWithSource(&id, nullptr), 0);
     EXPECT_EQ(hex(id.value, 16), hex(real.value, 16));
-    EXPECT_EQ(KELOsapiHost_getUniqueId(nullptr), 0);
-    EXPECT_EQ(KELOsapiHost_getUniqueIdWithSource(nullptr, &source), 0);
+    EXPECT_FALSE(KELOsapiHost_getUniqueId(nullptr) ||
+                 KELOsapiHost_getUniqueIdWithSource(nullptr, &source));
 }
 
 TEST_F(HostTest, RobustMutexAnswerIsStableUnlessForced) {
@@ -144,22 +139,20 @@ TEST_F(HostTest, RobustMutexAnswerIsStableUnlessForced) {
 }
 
 TEST_F(HostTest, ProductVersionsCompareFieldByFieldAsUnsigned) {
-    struct Row {
+    const struct {
         int a[4], b[4], expected;
-    };
-    const Row rows[] = {{{6, 1, 0, 0}, {6, 1, 0, 0}, 0},     {{7, 0, 0, 0}, {6, 9, 9, 9}, 1},
-                        {{6, 0, 0, 0}, {6, 1, 0, 0}, -1},    {{4, 5, 1, 0}, {4, 5, 0, 9}, 1},
-                        {{7, 2, 0, 1}, {7, 2, 0, 0}, 1},     {{4, 5, '6', 0}, {4, 5, 54, 0}, 0},
-                        {{4, 5, '6', 0}, {6, 0, 0, 0}, -1},  {{200, 0, 0, 0}, {5, 0, 0, 0}, 1},
-                        {{1, 128, 0, 0}, {1, 127, 0, 0}, 1}, {{1, 1, 1, 255}, {1, 1, 1, 0}, 1}};
+    } rows[] = {{{6, 1, 0, 0}, {6, 1, 0, 0}, 0},     {{7, 0, 0, 0}, {6, 9, 9, 9}, 1},
+                {{6, 0, 0, 0}, {6, 1, 0, 0}, -1},    {{4, 5, 1, 0}, {4, 5, 0, 9}, 1},
+                {{7, 2, 0, 1}, {7, 2, 0, 0}, 1},     {{4, 5, '6', 0}, {4, 5, 54, 0}, 0},
+                {{4, 5, '6', 0}, {6, 0, 0, 0}, -1},  {{200, 0, 0, 0}, {5, 0, 0, 0}, 1},
+                {{1, 128, 0, 0}, {1, 127, 0, 0}, 1}, {{1, 1, 1, 255}, {1, 1, 1, 0}, 1}};
     auto version = [](const int(&v)[4]) {
         return DDS_ProductVersion_t{static_cast<DDS_Char>(v[0]), static_cast<DDS_Char>(v[1]),
                                     static_cast<DDS_Char>(v[2]), static_cast<DDS_Char>(v[3])};
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         const DDS_ProductVersion_t a = version(row.a), b = version(row.b);
-        SCOPED_TRACE(testing::Message()
-                     << row.a[0] << "." << row.a[1] << "." << row.a[2] << "." << row.a[3]);
+        SCOPED_TRACE(testing::Message() << &row - rows);
         EXPECT_EQ(vesk::test::sign(DDS_ProductVersion_compare(&a, &b)), row.expected);
         EXPECT_EQ(vesk::test::sign(DDS_ProductVersion_compare(&b, &a)), -row.expected);
     }
@@ -170,9 +163,7 @@ TEST_F(HostTest, ProductVersionsCompareFieldByFieldAsUnsigned) {
 }
 
 TEST_F(HostTest, GeneratorLivesOnTheHeapAndAnswersItsOwnHostIds) {
-    KELOsapiHeap_failAllocationAfter(1);
-    EXPECT_EQ(DDS_RtpsAppIdGenerator_new(), nullptr);
-    KELOsapiHeap_failAllocationAfter(0);
+    EXPECT_TRUE(vesk::test::refusing(1, [] { EXPECT_EQ(DDS_RtpsAppIdGenerator_new(), nullptr); }));
     DDS_RtpsAppIdGenerator *generator = DDS_RtpsAppIdGenerator_new();
     DDS_RtpsAppIdGenerator *untouched = DDS_RtpsAppIdGenerator_new();
     ASSERT_TRUE(generator != nullptr && untouched != nullptr);

@@ -20,6 +20,10 @@ using vesk::test::PropertyList;
 using NameValues = std::vector<std::pair<std::string, std::string>>;
 using Strings = std::vector<std::string>;
 
+constexpr auto kWarning = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_WARNING;
+constexpr auto kException = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION;
+constexpr auto kSkip = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP;
+
 NameValues contents(const DDS_PropertyQosPolicy *policy) {
     NameValues out;
     for (DDS_Long i = 0; i < policy->value._length; ++i) {
@@ -43,33 +47,33 @@ DDS_ReturnCode_t edit(DDS_PropertyQosPolicy *policy, Op op, const char *name, co
 }
 
 TEST(PropertyEdit, EditsGiveTheirCodesAndKeepTheOrder) {
-    struct Row {
+    const DDS_ReturnCode_t ok = DDS_RETCODE_OK, unmet = DDS_RETCODE_PRECONDITION_NOT_MET,
+                           bad = DDS_RETCODE_BAD_PARAMETER;
+    const struct {
         Op op;
         const char *name, *value;
         DDS_ReturnCode_t expected;
-    };
-    const Row rows[] = {{Op::Add, "a", "1", DDS_RETCODE_OK},
-                        {Op::Add, "b", "2", DDS_RETCODE_OK},
-                        {Op::Add, "a", "9", DDS_RETCODE_PRECONDITION_NOT_MET},
-                        {Op::Add, "A", "3", DDS_RETCODE_OK},
-                        {Op::Assert, "b", "20", DDS_RETCODE_OK},
-                        {Op::Assert, "c", "4", DDS_RETCODE_OK},
-                        {Op::Remove, "x", nullptr, DDS_RETCODE_PRECONDITION_NOT_MET},
-                        {Op::Remove, "a", nullptr, DDS_RETCODE_OK},
-                        {Op::Add, "a", "5", DDS_RETCODE_OK},
-                        {Op::Add, "", "", DDS_RETCODE_OK},
-                        {Op::Add, nullptr, "1", DDS_RETCODE_BAD_PARAMETER},
-                        {Op::Add, "x", nullptr, DDS_RETCODE_BAD_PARAMETER},
-                        {Op::Assert, nullptr, "1", DDS_RETCODE_BAD_PARAMETER},
-                        {Op::Assert, "a", nullptr, DDS_RETCODE_BAD_PARAMETER},
-                        {Op::Remove, nullptr, nullptr, DDS_RETCODE_BAD_PARAMETER}};
+    } rows[] = {{Op::Add, "a", "1", ok},
+                {Op::Add, "b", "2", ok},
+                {Op::Add, "a", "9", unmet},
+                {Op::Add, "A", "3", ok},
+                {Op::Assert, "b", "20", ok},
+                {Op::Assert, "c", "4", ok},
+                {Op::Remove, "x", nullptr, unmet},
+                {Op::Remove, "a", nullptr, ok},
+                {Op::Add, "a", "5", ok},
+                {Op::Add, "", "", ok},
+                {Op::Add, nullptr, "1", bad},
+                {Op::Add, "x", nullptr, bad},
+                {Op::Assert, nullptr, "1", bad},
+                {Op::Assert, "a", nullptr, bad},
+                {Op::Remove, nullptr, nullptr, bad}};
     const KEL_UINT64 before = liveHeapBlocks();
     PropertyList list;
-    for (const Row &row : rows) {
-        SCOPED_TRACE(testing::Message()
-                     << static_cast<int>(row.op) << " " << (row.name ? row.name : "(null)"));
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << &row - rows);
         EXPECT_EQ(edit(list.get(), row.op, row.name, row.value), row.expected);
-        EXPECT_EQ(edit(nullptr, row.op, "a", "1"), DDS_RETCODE_BAD_PARAMETER);
+        EXPECT_EQ(edit(nullptr, row.op, "a", "1"), bad);
     }
     EXPECT_EQ(contents(list.get()),
               (NameValues{{"b", "20"}, {"A", "3"}, {"c", "4"}, {"a", "5"}, {"", ""}}));
@@ -83,16 +87,15 @@ TEST(PropertyEdit, EditsGiveTheirCodesAndKeepTheOrder) {
                  "struct DDS_Property_t");
     EXPECT_EQ(KELOsapiHeap_getBlockTag(list.get()->value._contiguous_buffer),
               VESK_TRANSPORT_HEAP_TAG);
-
     // Growth and removals keep the order; finalize empties a reusable list.
     NameValues kept;
     for (int i = 0; i < 100; ++i) {
         const std::string name = "n" + std::to_string(i);
-        ASSERT_EQ(edit(list.get(), Op::Add, name.c_str(), name.c_str()), DDS_RETCODE_OK);
+        ASSERT_EQ(edit(list.get(), Op::Add, name.c_str(), name.c_str()), ok);
         if (i % 3 != 0) kept.emplace_back(name, name);
     }
     for (int i = 0; i < 100; i += 3) {
-        ASSERT_EQ(edit(list.get(), Op::Remove, ("n" + std::to_string(i)).c_str(), nullptr), 0);
+        ASSERT_EQ(edit(list.get(), Op::Remove, ("n" + std::to_string(i)).c_str(), nullptr), ok);
     }
     for (const char *name : {"b", "A", "c", "a", ""}) edit(list.get(), Op::Remove, name, nullptr);
     EXPECT_EQ(contents(list.get()), kept);
@@ -111,18 +114,17 @@ TEST(PropertyEdit, EditsGiveTheirCodesAndKeepTheOrder) {
 // Each allocation of an edit refused in turn: the list stays exactly as it
 // was and nothing is left live; then the edit completes.
 TEST(PropertyEdit, EveryAllocationFailureLeavesTheListUnchanged) {
-    struct Row {
+    const struct {
         int held;  // properties "p0".."p<n-1>" before the edit; 4 fill the first buffer
         Op op;
         const char *name;
         long allocations;
-    };
-    const Row rows[] = {{0, Op::Add, "new", 3},
-                        {2, Op::Add, "new", 2},
-                        {4, Op::Add, "new", 3},
-                        {4, Op::Assert, "new", 3},
-                        {3, Op::Assert, "p1", 1}};
-    for (const Row &row : rows) {
+    } rows[] = {{0, Op::Add, "new", 3},
+                {2, Op::Add, "new", 2},
+                {4, Op::Add, "new", 3},
+                {4, Op::Assert, "new", 3},
+                {3, Op::Assert, "p1", 1}};
+    for (const auto &row : rows) {
         for (long n = 1;; ++n) {
             SCOPED_TRACE(testing::Message() << row.held << " " << row.name << " allocation " << n);
             ASSERT_LE(n, row.allocations + 1);
@@ -131,11 +133,9 @@ TEST(PropertyEdit, EveryAllocationFailureLeavesTheListUnchanged) {
             const DDS_PropertySeq before = list.get()->value;
             const NameValues beforeContents = contents(list.get());
             const KEL_UINT64 blocks = liveHeapBlocks();
-            KELOsapiHeap_failAllocationAfter(n);
-            const DDS_ReturnCode_t rc = edit(list.get(), row.op, row.name, "fresh");
-            const bool refused = KELOsapiHeap_isFailurePending() == 0;
-            KELOsapiHeap_failAllocationAfter(0);
-            if (!refused) {
+            DDS_ReturnCode_t rc = DDS_RETCODE_ERROR;
+            if (!vesk::test::refusing(n,
+                                      [&] { rc = edit(list.get(), row.op, row.name, "fresh"); })) {
                 EXPECT_EQ(rc, DDS_RETCODE_OK);
                 EXPECT_EQ(n, row.allocations + 1);
                 EXPECT_STREQ(
@@ -160,111 +160,95 @@ TEST(PropertyLookup, ExactNamesAndPrefixesJoinedAsDocumented) {
     EXPECT_EQ(DDS_PropertyQosPolicyHelper_lookup_property(&byHand, "dup"), &buffer[1]);
     EXPECT_EQ(DDS_PropertyQosPolicyHelper_lookup_property_with_prefix(&byHand, nullptr, "dup"),
               &buffer[1]);
-    EXPECT_EQ(DDS_PropertyQosPolicyHelper_lookup_property(&byHand, "DUP"), nullptr);
-    EXPECT_EQ(DDS_PropertyQosPolicyHelper_lookup_property(&byHand, nullptr), nullptr);
-    EXPECT_EQ(DDS_PropertyQosPolicyHelper_lookup_property(nullptr, "dup"), nullptr);
-
+    EXPECT_FALSE(DDS_PropertyQosPolicyHelper_lookup_property(&byHand, "DUP") ||
+                 DDS_PropertyQosPolicyHelper_lookup_property(&byHand, nullptr) ||
+                 DDS_PropertyQosPolicyHelper_lookup_property(nullptr, "dup") ||
+                 DDS_PropertyQosPolicyHelper_lookup_property_with_prefix(nullptr, "a", ""));
     PropertyList list{{"dds.transport.udp.send_blocking", "1"},
                       {"send_blocking", "2"},
                       {"dds.transport.udpx.send_blocking", "3"},
                       {"dds.transport.udp..odd", "4"},
                       {"a.", "5"},
                       {"dds.transport.udp", "6"}};
-    struct Row {
+    const struct {
         const char *prefix, *suffix, *expected;  // expected name; nullptr: none
-    };
-    const Row rows[] = {{"dds.transport.udp", "send_blocking", "dds.transport.udp.send_blocking"},
-                        {"dds.transport.udp.", "send_blocking", "dds.transport.udp.send_blocking"},
-                        {nullptr, "send_blocking", "send_blocking"},
-                        {"", "send_blocking", "send_blocking"},
-                        {"dds.transport", "udp.send_blocking", "dds.transport.udp.send_blocking"},
-                        {"dds.transport.ud", "send_blocking", nullptr},
-                        {"dds.transport.udp", "send_blockin", nullptr},
-                        {"DDS.transport.udp", "send_blocking", nullptr},
-                        {"dds.transport.udp", ".odd", "dds.transport.udp..odd"},
-                        {"dds.transport.udp.", "odd", nullptr},
-                        {"a", "", "a."},
-                        {"dds.transport", "udp", "dds.transport.udp"},
-                        {"dds.transport.udp", "", nullptr},
-                        {"a", nullptr, nullptr}};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(std::string(row.prefix ? row.prefix : "(null)") + " + " +
-                     (row.suffix ? row.suffix : "(null)"));
+    } rows[] = {{"dds.transport.udp", "send_blocking", "dds.transport.udp.send_blocking"},
+                {"dds.transport.udp.", "send_blocking", "dds.transport.udp.send_blocking"},
+                {nullptr, "send_blocking", "send_blocking"},
+                {"", "send_blocking", "send_blocking"},
+                {"dds.transport", "udp.send_blocking", "dds.transport.udp.send_blocking"},
+                {"dds.transport.ud", "send_blocking", nullptr},
+                {"dds.transport.udp", "send_blockin", nullptr},
+                {"DDS.transport.udp", "send_blocking", nullptr},
+                {"dds.transport.udp", ".odd", "dds.transport.udp..odd"},
+                {"dds.transport.udp.", "odd", nullptr},
+                {"a", "", "a."},
+                {"dds.transport", "udp", "dds.transport.udp"},
+                {"dds.transport.udp", "", nullptr},
+                {"a", nullptr, nullptr}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << &row - rows);
         const DDS_Property_t *found = DDS_PropertyQosPolicyHelper_lookup_property_with_prefix(
             list.get(), row.prefix, row.suffix);
         EXPECT_STREQ(found != nullptr ? found->name : nullptr, row.expected);
     }
-    EXPECT_EQ(DDS_PropertyQosPolicyHelper_lookup_property_with_prefix(nullptr, "a", ""), nullptr);
 }
 
 TEST(PropertyValidationAction, EveryAcceptedSpellingAndNothingElse) {
-    constexpr auto kWarning = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_WARNING;
-    constexpr auto kException = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION;
-    constexpr auto kSkip = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP;
     // -2: none of the three, yet within the enumeration's range.
     constexpr auto kUnchanged = static_cast<DDS_PropertyQosPolicyValidationAction>(-2);
-    struct Row {
-        const char *value;  // nullptr: no such property
-        DDS_PropertyQosPolicyValidationAction expected;
-    };
-    const Row rows[] = {{nullptr, kUnchanged},
-                        {"exception", kException},
-                        {"Warning", kWarning},
-                        {"sKiP", kSkip},
-                        {"DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION", kException},
-                        {"dds_property_qos_policy_validation_action_warning", kWarning},
-                        {"DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP", kSkip},
-                        {"", kUnchanged},
-                        {"SKIPPED", kUnchanged},
-                        {"WARN", kUnchanged},
-                        {"1", kUnchanged},
-                        {"PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP", kUnchanged}};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.value ? row.value : "(absent)");
+    const std::pair<const char *, DDS_PropertyQosPolicyValidationAction> rows[] = {
+        {nullptr, kUnchanged},  // no such property
+        {"exception", kException},
+        {"Warning", kWarning},
+        {"sKiP", kSkip},
+        {"DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION", kException},
+        {"dds_property_qos_policy_validation_action_warning", kWarning},
+        {"DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP", kSkip},
+        {"", kUnchanged},
+        {"SKIPPED", kUnchanged},
+        {"WARN", kUnchanged},
+        {"1", kUnchanged},
+        {"PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP", kUnchanged}};
+    const std::string function = "DDS_PropertyQosPolicy_parse_property_validation_action ";
+    for (const auto &[value, expected] : rows) {
+        SCOPED_TRACE(value ? value : "(absent)");
         PropertyList list{{"other", "x"}};
-        if (row.value != nullptr) list.add(DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME, row.value);
+        if (value != nullptr) list.add(DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME, value);
         LogCapture log;
         DDS_PropertyQosPolicyValidationAction action = kUnchanged;
-        const bool accepted = row.value == nullptr || row.expected != kUnchanged;
+        const bool accepted = value == nullptr || expected != kUnchanged;
         EXPECT_EQ(DDS_PropertyQosPolicy_parse_property_validation_action(&action, list.get()),
                   accepted);
-        EXPECT_EQ(action, row.expected);
-        EXPECT_EQ(
-            logLines(log),
-            accepted
-                ? Strings{}
-                : Strings{"2 DDS_PropertyQosPolicy_parse_property_validation_action "
-                          "KEL_LOG_PARSER_FAILURE_ss(" DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME
-                          "|" +
-                          std::string(row.value) + ")"});
+        EXPECT_EQ(action, expected);
+        EXPECT_EQ(logLines(log), accepted ? Strings{}
+                                          : Strings{"2 " + function + "KEL_LOG_PARSER_FAILURE_ss(" +
+                                                    DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME +
+                                                    "|" + value + ")"});
     }
     PropertyList list;
     DDS_PropertyQosPolicyValidationAction action = kSkip;
     LogCapture log;
     const KEL_UINT64 breakpoints = KELLog_getAssertBreakpointCount();
-    EXPECT_EQ(DDS_PropertyQosPolicy_parse_property_validation_action(nullptr, list.get()), 0);
-    EXPECT_EQ(DDS_PropertyQosPolicy_parse_property_validation_action(&action, nullptr), 0);
+    EXPECT_EQ(DDS_PropertyQosPolicy_parse_property_validation_action(nullptr, list.get()) +
+                  DDS_PropertyQosPolicy_parse_property_validation_action(&action, nullptr),
+              0);
     EXPECT_EQ(action, kSkip);
-    const std::string precondition =
-        "1 DDS_PropertyQosPolicy_parse_property_validation_action KEL_LOG_PRECONDITION_FAILURE_s";
+    const std::string precondition = "1 " + function + "KEL_LOG_PRECONDITION_FAILURE_s";
     EXPECT_EQ(logLines(log), (Strings{precondition + "(\"action_out == ((void *)0)\")",
                                       precondition + "(\"policy == ((void *)0)\")"}));
     EXPECT_EQ(KELLog_getAssertBreakpointCount(), breakpoints + 2);
 }
 
 TEST(PropertyValidation, NamesUnderThePrefixAreTestedAgainstBothLists) {
-    constexpr auto kWarning = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_WARNING;
-    constexpr auto kException = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_EXCEPTION;
-    constexpr auto kSkip = DDS_PROPERTY_QOS_POLICY_VALIDATION_ACTION_SKIP;
     const char *const publicSuffixes[] = {"a", "b.c", nullptr};
     const char *const privateSuffixes[] = {"secret", nullptr};
-    struct Row {
+    const struct {
         Strings names;
         const char *prefix;
         DDS_PropertyQosPolicyValidationAction action;
         Strings unknown;  // in order; the result is 0 when any under EXCEPTION
-    };
-    const Row rows[] = {
+    } rows[] = {
         {{"a", "b.c", "secret"}, nullptr, kException, {}},
         {{"p.a", "p.b.c", "p.secret", "q.x", "px.a", "p", "other"}, "p", kException, {}},
         {{"p.a", "p.x"}, "p.", kException, {"p.x"}},
@@ -274,7 +258,7 @@ TEST(PropertyValidation, NamesUnderThePrefixAreTestedAgainstBothLists) {
         {{"p.prefix", "prefix.a"}, "p", kException, {"p.prefix"}},
         {{"p.x", "p.a", "p.y"}, "p", kWarning, {"p.x", "p.y"}},
         {{"p.x", "y"}, "p", kSkip, {}}};
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.names));
         PropertyList list;
         for (const std::string &name : row.names) list.add(name, "v");
@@ -322,11 +306,11 @@ TEST(PropertyValidation, NamesUnderThePrefixAreTestedAgainstBothLists) {
     PropertyList oneUnknown{{"x", "1"}, {"a", "2"}};
     for (long n = 1; n <= 4; ++n) {
         DDS_StringSeq unknown = DDS_SEQUENCE_INITIALIZER;
-        KELOsapiHeap_failAllocationAfter(n);
-        const int result = DDS_PropertyQosPolicy_validate_plugin_property_suffixes(
-            oneUnknown.get(), "", publicSuffixes, privateSuffixes, &unknown, kWarning);
-        const bool refused = KELOsapiHeap_isFailurePending() == 0;
-        KELOsapiHeap_failAllocationAfter(0);
+        int result = -1;
+        const bool refused = vesk::test::refusing(n, [&] {
+            result = DDS_PropertyQosPolicy_validate_plugin_property_suffixes(
+                oneUnknown.get(), "", publicSuffixes, privateSuffixes, &unknown, kWarning);
+        });
         EXPECT_EQ(result, refused ? 0 : 1) << n;
         EXPECT_EQ(unknown._length, refused ? 0 : 1) << n;
         DDS_StringSeq_finalize(&unknown);

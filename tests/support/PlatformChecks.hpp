@@ -1,6 +1,6 @@
 // Helpers shared by the tests of the platform components: logged messages
-// as one comparable line each, bytes as hex text, and a heap-allocated fake
-// plugin whose deletions are counted.
+// as one comparable line each, bytes as hex text, allocation refusal and a
+// heap-allocated fake plugin whose deletions are counted.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -41,6 +41,17 @@ inline std::string hex(const VESK_Transport_Address_t &address) {
 
 inline int sign(int value) {
     return (value > 0) - (value < 0);
+}
+
+// Runs call() with the n-th next allocation of this thread refused; true
+// when that allocation was reached (and refused).
+template <typename Call>
+bool refusing(long n, Call &&call) {
+    KELOsapiHeap_failAllocationAfter(n);
+    call();
+    const bool refused = KELOsapiHeap_isFailurePending() == 0;
+    KELOsapiHeap_failAllocationAfter(0);
+    return refused;
 }
 
 // A plugin on the library heap: leaks show in the heap accounting, and

@@ -38,13 +38,11 @@ public:
     void clear();
 
 private:
-    static void sink(void *data, const KELLogRecord *record);
     struct State;
     State *state_;
     KELLogSink previousSink_ = nullptr;
     void *previousData_ = nullptr;
-    KEL_UINT32 previousInstrumentation_;
-    KEL_UINT32 previousSubmodule_;
+    KEL_UINT32 previousInstrumentation_, previousSubmodule_;
 };
 
 // "NAME(a|b)" for a template name and its parameters.
