@@ -179,109 +179,80 @@ TEST(RegisterAndLookup, InstallationLookupAndRefusals) {
     install(participant.get(), &stranger.plugin, "late");
 }
 
-using RouteFn = DDS_ReturnCode_t (*)(const VESK_Transport_Handle_t *,
-                                     const VESK_Transport_Address_t *, DDS_Long);
-struct RouteOperation {
-    const char *function;
-    RouteFn fn;
-    KELNetioRouteKind kind;
-};
-const RouteOperation ROUTE_OPERATIONS[] = {
-    {"VESK_Transport_Support_add_send_route", VESK_Transport_Support_add_send_route,
-     KEL_NETIO_ROUTE_DESTINATION},
-    {"VESK_Transport_Support_add_receive_route", VESK_Transport_Support_add_receive_route,
-     KEL_NETIO_ROUTE_ENTRYPORT},
-};
-
 struct RegisteredTransport {
     ParticipantPtr participant = makeParticipant();
     TestPlugin transport{77};
     VESK_Transport_Handle_t handle = install(participant.get(), &transport.plugin, "routed");
 };
 
-TEST(Routes, RefusalsInTestOrder) {
-    for (const RouteOperation &operation : ROUTE_OPERATIONS) {
-        SCOPED_TRACE(operation.function);
-        RegisteredTransport registered;
-        const VESK_Transport_Address_t range = address(0);
-        VESK_Transport_Handle_t noManager = registered.handle, noIndex = registered.handle,
-                                noParticipant = registered.handle;
-        noManager._plugin_handle._manager = nullptr;
-        noIndex._plugin_handle._index = 0xFFFFFFFFu;
-        noParticipant._participant = nullptr;
-        struct Row {
-            const VESK_Transport_Handle_t *handle;
-            const VESK_Transport_Address_t *range;
-            DDS_Long bits;
-            DDS_ReturnCode_t result;
-            std::string expected;
-        };
-        const std::string invalid = bad(operation.function, "transport_handle_in must be valid");
-        const std::string count = bad(operation.function, "0 <= address_range_bit_count_in <= 128");
-        const DDS_ReturnCode_t BAD = DDS_RETCODE_BAD_PARAMETER;
-        const std::vector<Row> rows = {
-            {&VESK_TRANSPORT_HANDLE_NIL, &range, 0, BAD, invalid},
-            {nullptr, &range, 0, BAD, invalid},
-            {&noManager, &range, 0, BAD, invalid},
-            {&noIndex, &range, 0, BAD, invalid},
-            {&noParticipant, nullptr, 500, BAD, invalid},
-            {&registered.handle, nullptr, -1, BAD,
-             bad(operation.function, "address_range_in must be non-NULL")},
-            {&registered.handle, &range, -1, BAD, count},
-            {&registered.handle, &range, 129, BAD, count},
-            // Enabled is tested after the handle, before address and count.
-            {&registered.handle, nullptr, 500, DDS_RETCODE_PRECONDITION_NOT_MET,
-             enabledError(operation.function)},
-            {&VESK_TRANSPORT_HANDLE_NIL, nullptr, 500, BAD, invalid},
-        };
-        for (const Row &row : rows) {
-            SCOPED_TRACE(&row - rows.data());
-            if (&row == &rows[rows.size() - 2]) {
-                EXPECT_EQ(
-                    0, KELNetioConfigurator_getRouteCount(configuratorOf(registered.participant)));
-                ASSERT_EQ(DDS_RETCODE_OK,
-                          DDS_DomainParticipant_enable(registered.participant.get()));
-            }
-            LogCapture log;
-            EXPECT_EQ(row.result, operation.fn(row.handle, row.range, row.bits));
-            EXPECT_EQ(Messages{row.expected}, describeAll(log));
-        }
-    }
-}
-
-TEST(Routes, FilterKeepsTheLeadingBitsAndTheConfiguratorMayRefuse) {
-    for (const RouteOperation &operation : ROUTE_OPERATIONS) {
-        SCOPED_TRACE(operation.function);
+// Routes keep the leading bits of the range; the configurator refuses the
+// same route twice; the checks come in order: the handle, enabled, the
+// range, the bit count.
+TEST(Routes, FilterRefusalsAndTheirOrder) {
+    using RouteFn = DDS_ReturnCode_t (*)(const VESK_Transport_Handle_t *,
+                                         const VESK_Transport_Address_t *, DDS_Long);
+    for (const auto &[function, route, kind] :
+         {std::tuple{"VESK_Transport_Support_add_send_route",
+                     RouteFn{VESK_Transport_Support_add_send_route}, KEL_NETIO_ROUTE_DESTINATION},
+          {"VESK_Transport_Support_add_receive_route",
+           RouteFn{VESK_Transport_Support_add_receive_route}, KEL_NETIO_ROUTE_ENTRYPORT}}) {
+        SCOPED_TRACE(function);
         RegisteredTransport registered;
         KELNetioConfigurator *configurator = configuratorOf(registered.participant);
+        const VESK_Transport_Handle_t *handle = &registered.handle;
         VESK_Transport_Address_t range{};
         std::memset(range.network_ordered_value, 0xFF, sizeof range.network_ordered_value);
         for (DDS_Long bits : {0, 128, 96, 1, 127}) {
             SCOPED_TRACE(bits);
             const int before = KELNetioConfigurator_getRouteCount(configurator);
             LogCapture log;
-            ASSERT_EQ(DDS_RETCODE_OK, operation.fn(&registered.handle, &range, bits));
+            ASSERT_EQ(DDS_RETCODE_OK, route(handle, &range, bits));
             EXPECT_TRUE(log.entries().empty());
-            KELNetioRoute route{};
-            ASSERT_TRUE(KELNetioConfigurator_getRoute(configurator, before, &route));
-            EXPECT_EQ(operation.kind, route.kind);
-            EXPECT_TRUE(operation.kind != KEL_NETIO_ROUTE_DESTINATION || route.service_class == 0);
-            EXPECT_EQ(registered.handle._plugin_handle._index, route.plugin_reference._index);
+            KELNetioRoute added{};
+            ASSERT_TRUE(KELNetioConfigurator_getRoute(configurator, before, &added));
+            EXPECT_EQ(kind, added.kind);
+            EXPECT_TRUE(kind != KEL_NETIO_ROUTE_DESTINATION || added.service_class == 0);
+            EXPECT_EQ(handle->_plugin_handle._index, added.plugin_reference._index);
             int maskBits = 0;
-            for (unsigned char byte : route.filter.mask.network_ordered_value) {
+            for (unsigned char byte : added.filter.mask.network_ordered_value) {
                 maskBits += __builtin_popcount(byte);
             }
             EXPECT_EQ(bits, maskBits);
-            EXPECT_EQ(0, std::memcmp(&route.filter.address, &route.filter.mask, 16));
+            EXPECT_EQ(0, std::memcmp(&added.filter.address, &added.filter.mask, 16));
         }
-        // The configurator refuses the same route twice.
-        ASSERT_EQ(DDS_RETCODE_OK, operation.fn(&registered.handle, &range, 64));
+        ASSERT_EQ(DDS_RETCODE_OK, route(handle, &range, 64));
         LogCapture log;
-        EXPECT_EQ(DDS_RETCODE_ERROR, operation.fn(&registered.handle, &range, 64));
-        const auto described = describeAll(log);
-        ASSERT_EQ(2u, described.size());
+        EXPECT_EQ(DDS_RETCODE_ERROR, route(handle, &range, 64));
+        ASSERT_EQ(2u, log.entries().size());
         EXPECT_EQ("KEL_LOG_ANY_FAILURE_s(the same route exists already)", log.summary()[0]);
-        EXPECT_EQ(error(operation.function, "DDS_LOG_TRANSPORT_SEND_ROUTE", {}), described[1]);
+        EXPECT_EQ(error(function, "DDS_LOG_TRANSPORT_SEND_ROUTE", {}), describeAll(log)[1]);
+        const int routes = KELNetioConfigurator_getRouteCount(configurator);
+        VESK_Transport_Handle_t noManager = *handle, noIndex = *handle, noParticipant = *handle;
+        noManager._plugin_handle._manager = nullptr;
+        noIndex._plugin_handle._index = 0xFFFFFFFFu;
+        noParticipant._participant = nullptr;
+        const std::string invalid = bad(function, "transport_handle_in must be valid");
+        const std::string count = bad(function, "0 <= address_range_bit_count_in <= 128");
+        const auto add = [&](const VESK_Transport_Handle_t *h, const VESK_Transport_Address_t *r,
+                             DDS_Long bits) -> long { return route(h, r, bits); };
+        const long BAD = DDS_RETCODE_BAD_PARAMETER;
+        expectAnswers({
+            {[&] { return add(&VESK_TRANSPORT_HANDLE_NIL, &range, 0); }, BAD, invalid},
+            {[&] { return add(nullptr, &range, 0); }, BAD, invalid},
+            {[&] { return add(&noManager, &range, 0); }, BAD, invalid},
+            {[&] { return add(&noIndex, &range, 0); }, BAD, invalid},
+            {[&] { return add(&noParticipant, nullptr, 500); }, BAD, invalid},
+            {[&] { return add(handle, nullptr, -1); }, BAD,
+             bad(function, "address_range_in must be non-NULL")},
+            {[&] { return add(handle, &range, -1); }, BAD, count},
+            {[&] { return add(handle, &range, 129); }, BAD, count},
+            {[&] { return KELNetioConfigurator_getRouteCount(configurator); }, routes, ""},
+            {[&] { return DDS_DomainParticipant_enable(registered.participant.get()); }, 0, ""},
+            // Enabled is tested after the handle, before range and count.
+            {[&] { return add(handle, nullptr, 500); }, DDS_RETCODE_PRECONDITION_NOT_MET,
+             enabledError(function)},
+            {[&] { return add(&VESK_TRANSPORT_HANDLE_NIL, nullptr, 500); }, BAD, invalid},
+        });
     }
 }
 

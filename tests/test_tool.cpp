@@ -244,6 +244,13 @@ TEST(ToolInspection, NamesTheSourceOfEachFieldAndWhatWasNotRead) {
     EXPECT_EQ(refused.messages[0].fix,
               "parent.address_bit_count accepts (--class udpv4) a signed 32-bit number "
               "(-2147483648..2147483647) in [-128, 128]");
+    // A warning of the tool's own refuses nothing.
+    PropertyList commented;
+    commented.assign({"parent.thread_name_prefix", "ab # c", {"e", 1}});
+    const Inspection warned = inspect(*findClass("udpv4"), commented, {});
+    EXPECT_TRUE(warned.accepted());
+    ASSERT_EQ(warned.messages.size(), 1u);
+    EXPECT_EQ(warned.messages[0].fix, "put the comment on a line of its own");
 }
 
 struct RunResult {
@@ -695,13 +702,22 @@ TEST(ToolPerf, TrafficOverLoopback) {
 }
 
 TEST(ToolPerf, PublisherAndSubscriberProcesses) {
-    // A port that was free a moment ago.
-    const int fd = holdPort(0, false);
+    // A socket of the test on a free port is the publisher's first peer:
+    // each datagram is an RTPS message whose submessage covers the rest.
+    const int peer = holdPort(0, false);
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
+    getsockname(peer, reinterpret_cast<sockaddr *>(&address), &length);
     const std::string port = std::to_string(ntohs(address.sin_port));
+    runTool("perf --class udpv4 --role pub --peer 127.0.0.1 --port " + port +
+            " --rate 100 --duration 0.1 examples/udpv4.properties");
+    unsigned char datagram[2048];
+    const ssize_t received = recv(peer, datagram, sizeof datagram, MSG_DONTWAIT);
+    close(peer);
+    ASSERT_EQ(received, 1024);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(datagram), 4), "RTPS");
+    EXPECT_EQ(datagram[22] | datagram[23] << 8, 1024 - 24);
+    // Then a subscriber process on that port.
     const std::string tool =
         "timeout 30 '" + std::string(VESK_TRANSPORT_TOOL_PATH) + "' perf --class udpv4 ";
     const RunResult both = runTool(
