@@ -197,6 +197,7 @@ TEST(Routes, FilterRefusalsAndTheirOrder) {
           {"VESK_Transport_Support_add_receive_route",
            RouteFn{VESK_Transport_Support_add_receive_route}, KEL_NETIO_ROUTE_ENTRYPORT}}) {
         SCOPED_TRACE(function);
+        const RouteFn addRoute = route;  // a lambda may not capture a structured binding
         RegisteredTransport registered;
         KELNetioConfigurator *configurator = configuratorOf(registered.participant);
         const VESK_Transport_Handle_t *handle = &registered.handle;
@@ -234,7 +235,7 @@ TEST(Routes, FilterRefusalsAndTheirOrder) {
         const std::string invalid = bad(function, "transport_handle_in must be valid");
         const std::string count = bad(function, "0 <= address_range_bit_count_in <= 128");
         const auto add = [&](const VESK_Transport_Handle_t *h, const VESK_Transport_Address_t *r,
-                             DDS_Long bits) -> long { return route(h, r, bits); };
+                             DDS_Long bits) -> long { return addRoute(h, r, bits); };
         const long BAD = DDS_RETCODE_BAD_PARAMETER;
         expectAnswers({
             {[&] { return add(&VESK_TRANSPORT_HANDLE_NIL, &range, 0); }, BAD, invalid},
