@@ -9,29 +9,26 @@
 
 static int failures = 0;
 
-#define CHECK(condition_)                                                            \
-    do {                                                                             \
-        if (!(condition_)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition_); \
-            ++failures;                                                              \
-        }                                                                            \
-    } while (0)
+static void check(int condition, int line) {
+    if (!condition) {
+        fprintf(stderr, "%s:%d: check failed\n", __FILE__, line);
+        ++failures;
+    }
+}
+#define CHECK(condition_) check((condition_) != 0, __LINE__)
 
 int main(void) {
     DDS_DomainParticipant *participant = DDS_DomainParticipant_create(NULL);
-    VESK_Transport_Handle_t handle;
     char **list = NULL;
     struct KELOsapiHeapStatistics before, after;
 
     CHECK(participant != NULL);
     CHECK(VESK_TRANSPORT_HANDLE_NIL._plugin_handle._index == 0xFFFFFFFFu);
-    CHECK(sizeof(KELNetioAliasList) == 129);
-    CHECK(sizeof(VESK_Transport_Address_t) == 16);
+    CHECK(sizeof(KELNetioAliasList) == 129 && sizeof(VESK_Transport_Address_t) == 16);
     CHECK(VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT.parent.message_size_max == 65507);
-
     DDSLog_g_instrumentationMask = VESK_CONFIG_LOG_VERBOSITY_SILENT;
-    handle = VESK_Transport_Support_register_transport(participant, NULL, NULL, NULL);
-    CHECK(handle._participant == NULL);
+    CHECK(VESK_Transport_Support_register_transport(participant, NULL, NULL, NULL)._participant ==
+          NULL);
 
     KELOsapiHeap_getStatistics(&before);
     CHECK(KELOsapiHeap_allocateArray(&list, 3, char *));

@@ -4,19 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "support/SetupChecks.hpp"
 #include "vesk_transport/Support.h"
 
 namespace vesk::test {
 
 struct ParticipantDeleter {
-    void operator()(DDS_DomainParticipant *participant) const {
-        DDS_DomainParticipant_delete(participant);
-    }
+    void operator()(DDS_DomainParticipant *p) const { DDS_DomainParticipant_delete(p); }
 };
 using ParticipantPtr = std::unique_ptr<DDS_DomainParticipant, ParticipantDeleter>;
 
@@ -46,13 +46,6 @@ struct Aliases {
         for (const std::string &name : names) EXPECT_TRUE(DDS_StringSeq_append(&seq, name.c_str()));
     }
     ~Aliases() { DDS_StringSeq_finalize(&seq); }
-    std::vector<std::string> strings() const {
-        std::vector<std::string> out;
-        for (DDS_Long i = 0; i < DDS_StringSeq_get_length(&seq); ++i) {
-            out.emplace_back(DDS_StringSeq_get(&seq, i));
-        }
-        return out;
-    }
 };
 
 inline VESK_Transport_Address_t address(unsigned char last) {
@@ -75,6 +68,23 @@ inline VESK_Transport_Handle_t install(DDS_DomainParticipant *participant,
         participant, plugin, &aliases.seq, &networkAddress);
     EXPECT_TRUE(isValid(handle)) << alias;
     return handle;
+}
+
+// A call and what it must answer: its result, and the one message it logs
+// ("" for none), as describe() gives it.
+struct Answer {
+    std::function<long()> call;
+    long result;
+    std::string message;
+};
+inline void expectAnswers(const std::vector<Answer> &rows) {
+    for (const Answer &row : rows) {
+        SCOPED_TRACE(testing::Message() << "row " << &row - rows.data() << ": " << row.message);
+        LogCapture log;
+        EXPECT_EQ(row.result, row.call());
+        EXPECT_EQ(row.message.empty() ? std::vector<std::string>{} : std::vector{row.message},
+                  describeAll(log));
+    }
 }
 
 }  // namespace vesk::test
