@@ -1,7 +1,5 @@
-// The shared-memory property setup: the format version, each setting and
-// the fixed order in which a bad value stops the setup, the unit-test
-// switch, the host id and address in every branch, the generic part and
-// validation, every allocation failing in turn, and the cleanup.
+// The shared-memory property setup: format version, settings and their
+// order, the unit-test switch, host id and address, validation, cleanup.
 
 #include <gtest/gtest.h>
 
@@ -12,7 +10,6 @@
 #include <tuple>
 #include <vector>
 
-#include "support/AllocationSweep.hpp"
 #include "support/EveryProperty.hpp"
 #include "support/SetupChecks.hpp"
 #include "vesk_transport/Support.h"
@@ -67,7 +64,7 @@ const Bytes NEAR_LOOPBACK_UNIQUE_ID = {127,  0,    0,    2,    0x51, 0x52, 0x53,
                                        0x55, 0x56, 0x57, 0x58, 0x59, 0x5a, 0x5b, 0x5c};
 
 std::string parser(const char *name, const std::string &value) {
-    return error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {name, value});
+    return vesk::test::parser(SHMEM_SETUP, name, value);
 }
 
 // What the policy, the platform and the record hold before a setup.
@@ -481,86 +478,47 @@ TEST(ShmemSetup, TheGenericPartAndValidationComeBeforeTheSettings) {
     }
 }
 
-// Every name at once (support/EveryProperty.hpp) with the action EXCEPTION,
-// a wire-protocol policy and a generator (a path no factory takes). When no
-// allocation is refused, validation passes and the result counts each
-// property applied once: a list under both its names, and the two
-// thread-name prefixes, count once; the locator flag is not read when
-// "host_id" is given. When one is refused: -1 and errors only, and every
-// list held is flagged and whole. The cleanup leaves nothing either way.
+// Every name at once with the action EXCEPTION, a wire-protocol policy and
+// a generator (a path no factory takes): each property counts once (a list
+// under both names, the two thread-name prefixes too; the locator flag is
+// not read with "host_id"). A refused allocation: -1 and errors only, every
+// list held flagged and whole. The cleanup leaves nothing either way.
 TEST(ShmemSetup, EveryNameAtOnceAndEveryAllocationFailure) {
+    VESK_Transport_cleanupShmemProperty(nullptr, nullptr);
     PropertyList properties;
     properties.addEvery(Class::shmem).add("prefix", "").add(ACTION, "EXCEPTION");
     const V minimum = {6, 1, 0, 0};
     const DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
     Generator generator;
     ForcedRobustMutex forced(0);
-    struct Outcome {
-        ShmemRecord run;
-        int result = 0;
-        std::vector<LogEntry> log;
-    };
-    const auto summary = sweepAllocationFailures(
-        [&] {
-            LogCapture capture;
-            Outcome outcome;
-            outcome.result = outcome.run.setup(properties, &policy, generator.generator, &minimum);
-            outcome.log = capture.entries();
-            return outcome;
+    const auto sweep = sweepSetup<ShmemRecord>(
+        [&](ShmemRecord &run) {
+            return run.setup(properties, &policy, generator.generator, &minimum);
         },
-        [&](const SweepStep &step, Outcome &outcome) {
-            const Shmem &record = outcome.run.record;
-            const std::string flags = renderFlags(outcome.run.flags);
+        [](bool failed, const ShmemRecord &run, int result, const Messages &lines) {
+            const std::string flags = renderFlags(run.flags);
             const char *lists[] = {"allow_interfaces_list", "deny_interfaces_list",
                                    "allow_multicast_interfaces_list",
                                    "deny_multicast_interfaces_list"};
             for (int i = 0; i < 4; ++i) {
-                const std::string held = field(record, lists[i]);
+                const std::string held = field(run.record, lists[i]);
                 EXPECT_EQ(held != "null", flags[2 * i] == '1') << lists[i];
                 EXPECT_EQ(std::string::npos, held.find("null]")) << held;
             }
-            for (const LogEntry &entry : outcome.log) {
-                EXPECT_EQ(static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR), entry.level) << entry.text;
+            for (const std::string &line : lines) {
+                EXPECT_EQ(0u, line.rfind(std::to_string(KEL_LOG_BIT_ERROR) + " ", 0)) << line;
             }
-            if (step.failed) {
-                EXPECT_EQ(-1, outcome.result);
-                EXPECT_FALSE(outcome.log.empty());
-                return;
-            }
+            EXPECT_EQ(failed, !lines.empty());
             // 12 generic, "prefix", 12 settings, the minimum, the switch, "host_id".
-            EXPECT_EQ(12 + 1 + 12 + 1 + 1 + 1, outcome.result);
-            EXPECT_TRUE(outcome.log.empty());
+            EXPECT_EQ(failed ? -1 : 12 + 1 + 12 + 1 + 1 + 1, result);
+            if (failed) return;
             EXPECT_EQ("1,1,1,1,0,0", flags);
-            EXPECT_STREQ("sweep", record.parent.thread_name_prefix);
-            EXPECT_EQ(4, record.majorVersion);
-            EXPECT_EQ(0, record.reserved);
-            EXPECT_EQ(generated(7), field(record, "shmemUUID"));
-        },
-        [](Outcome &outcome) {
-            VESK_Transport_cleanupShmemProperty(&outcome.run.record, &outcome.run.flags);
-            EXPECT_EQ(nullptr, outcome.run.record.parent.thread_name_prefix);
+            EXPECT_STREQ("sweep", run.record.parent.thread_name_prefix);
+            EXPECT_EQ(4, run.record.majorVersion);
+            EXPECT_EQ(0, run.record.reserved);
+            EXPECT_EQ(generated(7), field(run.record, "shmemUUID"));
         });
-    EXPECT_TRUE(summary.completed);
-    EXPECT_GT(summary.failurePoints, 10);
-}
-
-TEST(ShmemSetup, TheCleanupReleasesOnlyWhatIsFlaggedAndAcceptsNull) {
-    VESK_Transport_cleanupShmemProperty(nullptr, nullptr);
-    char name[] = "shm9";
-    char *theirs[] = {name};
-    PropertyList properties{{"parent.allow_interfaces_list", "shm0"},
-                            {"parent.thread_name_prefix", "shmC"}};
-    ShmemRecord run;
-    run.record.parent.deny_interfaces_list = theirs;
-    run.record.parent.deny_interfaces_list_length = 1;
-    ASSERT_EQ(2, run.setup(properties));
-    VESK_Transport_cleanupShmemProperty(&run.record, &run.flags);
-    EXPECT_EQ(nullptr, run.record.parent.allow_interfaces_list);
-    EXPECT_EQ(nullptr, run.record.parent.thread_name_prefix);
-    EXPECT_EQ(theirs, run.record.parent.deny_interfaces_list);
-    EXPECT_EQ(1, run.record.parent.deny_interfaces_list_length);
-    run.record.parent.deny_interfaces_list = nullptr;
-    run.record.parent.deny_interfaces_list_length = 0;
+    EXPECT_GT(sweep.failurePoints, 10);
 }
 
 }  // namespace
