@@ -20,6 +20,7 @@ using namespace vesk::test;
 using Bytes = std::array<unsigned char, 16>;
 using V = DDS_ProductVersion_t;
 using Messages = std::vector<std::string>;
+using Outcome = std::pair<int, Messages>;  // a result and the log lines
 
 constexpr int NO_POLICY = -1;
 constexpr KEL_UINT32 GENERATOR_HOST_ID = 0x0C0D0E0F;
@@ -81,9 +82,8 @@ struct Start {
     KEL_INT32 debugging = 0;  // enable_udp_debugging
 };
 
-// The setup of a list ("name=value;...") from start: its result; its
-// messages in log.
-int setup(ShmemRecord &run, const std::string &list, const Start &start, Messages &log) {
+// The setup of a list ("name=value;...") from start.
+Outcome setup(ShmemRecord &run, const std::string &list, const Start &start) {
     ForcedRobustMutex forced(start.robust);
     UniqueIdOverride uniqueId(start.uniqueId);
     Generator generator;
@@ -100,8 +100,7 @@ int setup(ShmemRecord &run, const std::string &list, const Start &start, Message
     const int result = run.setup(properties, start.policy == NO_POLICY ? nullptr : &policy,
                                  start.generator ? generator.generator : nullptr,
                                  start.minimum ? &minimum : nullptr);
-    log = describeAll(capture);
-    return result;
+    return {result, describeAll(capture)};
 }
 
 TEST(ShmemSetup, TheVersionConstantsAreTheDocumentedVersions) {
@@ -154,12 +153,10 @@ TEST(ShmemSetup, TheFormatVersionFollowsTheMutexesAndTheMinimumVersion) {
         SCOPED_TRACE(&c - cases.data());
         const bool given = c.minimum && std::memcmp(&*c.minimum, &zero, sizeof zero) != 0;
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(given ? 1 : 0,
-                  setup(run, "",
-                        {.minimum = c.minimum, .robust = c.robust, .majorVersion = c.before}, log));
+        EXPECT_EQ(
+            Outcome(given ? 1 : 0, {}),
+            setup(run, "", {.minimum = c.minimum, .robust = c.robust, .majorVersion = c.before}));
         EXPECT_EQ(c.expected, run.record.majorVersion);
-        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -193,16 +190,14 @@ TEST(ShmemSetup, EachSettingSetsItsFieldAndCountsOnce) {
         {"parent.message_size_max=9000", 1, "message_size_max=9000"},
     };
     ShmemRecord baseline;
-    Messages log;
-    ASSERT_EQ(0, setup(baseline, "", {}, log));
+    ASSERT_EQ(Outcome(0, {}), setup(baseline, "", {}));
     for (const Case &c : cases) {
         SCOPED_TRACE(c.properties);
         ShmemRecord run;
         Shmem before = baseline.record;
         before.enable_udp_debugging = c.enabledBefore;
-        EXPECT_EQ(c.count, setup(run, c.properties, {.debugging = c.enabledBefore}, log));
+        EXPECT_EQ(Outcome(c.count, {}), setup(run, c.properties, {.debugging = c.enabledBefore}));
         EXPECT_EQ(pairs(c.fields), changes(before, run.record));
-        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -248,13 +243,11 @@ TEST(ShmemSetup, ABadValueStopsTheSetupWithItsMessageInTheFixedOrder) {
             expected.insert(expected.end(), {{"majorVersion", "5"}, {"reserved", "1"}});
         }
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(-1, setup(run, list, {.minimum = V{6, 1, 0, 0}, .robust = 1}, log));
-        EXPECT_EQ(Messages{b.name == std::string("udp_debugging_address")
-                               ? error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s",
-                                       {"resolve UDP debugging IP address"})
-                               : parser(b.name, b.bad)},
-                  log);
+        EXPECT_EQ(Outcome(-1, {b.name == std::string("udp_debugging_address")
+                                   ? error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s",
+                                           {"resolve UDP debugging IP address"})
+                                   : parser(b.name, b.bad)}),
+                  setup(run, list, {.minimum = V{6, 1, 0, 0}, .robust = 1}));
         // What a failed conversion leaves in its own field is open.
         const std::string own = b.field ? b.field : b.name;
         EXPECT_EQ(with(render(defaults), expected),
@@ -271,11 +264,10 @@ TEST(ShmemSetup, TheUnitTestSwitchSetsReservedOnlyForTrueAndAlwaysCounts) {
     for (const auto &[value, before, after] : cases) {
         SCOPED_TRACE(std::string("\"") + value + "\", reserved " + std::to_string(before));
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(1, setup(run, std::string("CORE_6518_unit_test_disable_shmem=") + value,
-                           {.reserved = before}, log));
+        EXPECT_EQ(Outcome(1, {}),
+                  setup(run, std::string("CORE_6518_unit_test_disable_shmem=") + value,
+                        {.reserved = before}));
         EXPECT_EQ(after, run.record.reserved);
-        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -408,7 +400,6 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         ShmemRecord run;
-        Messages log;
         const Start start = {.policy = c.policy,
                              .hostId = c.hostId,
                              .fill = c.fill,
@@ -416,9 +407,8 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
                              .minimum = c.minimum,
                              .uniqueId = c.uniqueId,
                              .generator = c.generator};
-        EXPECT_EQ(c.result, setup(run, c.properties, start, log));
+        EXPECT_EQ(Outcome(c.result, c.messages), setup(run, c.properties, start));
         EXPECT_EQ(c.address, field(run.record, "shmemUUID"));
-        EXPECT_EQ(c.messages, log);
     }
 }
 
@@ -471,9 +461,8 @@ TEST(ShmemSetup, TheGenericPartAndValidationComeBeforeTheSettings) {
     for (const auto &[list, result, messages] : cases) {
         SCOPED_TRACE(list);
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(result, setup(run, list + ";received_message_count_max=5", {}, log));
-        EXPECT_EQ(messages, log);
+        EXPECT_EQ(Outcome(result, messages),
+                  setup(run, list + ";received_message_count_max=5", {}));
         EXPECT_EQ(result < 0 ? 64 : 5, run.record.received_message_count_max);
     }
 }

@@ -346,8 +346,8 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
 
 // A member is released only when flagged, then nulled (a list's length 0),
 // and any thread-name prefix; the flags stay, so a second cleanup must not
-// release twice. The listener is the application's. Each wrapper releases
-// what its setup allocated.
+// release twice. The listener is the application's. (The factories run the
+// class wrappers.)
 TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     VESK_Transport_cleanupUDPProperty(nullptr, nullptr);
     VESK_Transport_cleanupParentTransportProperty(nullptr, nullptr);
@@ -374,19 +374,6 @@ TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
               render(record));
     EXPECT_EQ("0,0,0,0,1,1", renderFlags(flags));
     VESK_Transport_cleanupUDPProperty(&record, &flags);
-    for (auto cleanup :
-         {VESK_Transport_cleanupUDPv4Property, VESK_Transport_cleanupUDPv4WanProperty,
-          VESK_Transport_cleanupUDPv6Property}) {
-        PropertyList properties(
-            "parent.allow_interfaces=eth0;parent.deny_multicast_interfaces=eth1,eth2;"
-            "public_address=;comm_ports={\"default\": {\"host\": 7400}}",
-            PREFIX);
-        UdpRecord run;
-        ASSERT_EQ(Outcome(4, {}), setup(WAN_CLASS, run, properties));
-        EXPECT_STREQ("", run.record.public_address);  // an empty address is copied too
-        cleanup(&run.record, &run.allocations);
-        EXPECT_EQ(render(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT), render(run.record));
-    }
 }
 
 // ---------------------------------------------------------------------------
