@@ -69,7 +69,9 @@ void expectRows(const std::vector<Row> &rows) {
         {
             LogCapture log;
             const PluginPtr plugin(row.create(&address));
-            EXPECT_EQ(row.record, plugin ? render(recordOf<Record>(plugin)) : Rendered{});
+            EXPECT_EQ(row.record, plugin
+                                      ? render(*reinterpret_cast<const Record *>(plugin->property))
+                                      : Rendered{});
             if (row.constructor.empty()) {
                 EXPECT_EQ(row.messages, describeAll(log));
             } else {

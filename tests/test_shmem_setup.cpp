@@ -285,22 +285,17 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
     const KEL_UINT32 X = 0x01020304;  // an explicit host id in the policy
     const int uuid = DDS_RTPS_AUTO_ID_FROM_UUID, mac = DDS_RTPS_AUTO_ID_FROM_MAC;
     const int ip = DDS_RTPS_AUTO_ID_FROM_IP, none = NO_POLICY;
-    // Each row: the policy kind (or none), the properties, the result, every
-    // byte of shmemUUID before (0 is the invalid address) and after; then,
-    // where they matter, the record's reserved value, the minimum version,
-    // the policy's host id, the host's unique id, the messages and whether
-    // there is a generator.
     struct Case {
         const char *name;
-        int policy;
+        int policy;  // the policy's kind, or none
         std::string properties;
         int result;
-        unsigned char fill;
-        std::string address;
+        unsigned char fill;   // every byte of shmemUUID before (0: the invalid address)
+        std::string address;  // shmemUUID after
         KEL_INT32 reserved = 0;
         std::optional<V> minimum = std::nullopt;
-        KEL_UINT32 hostId = 0;
-        Bytes uniqueId = HOST_UNIQUE_ID;
+        KEL_UINT32 hostId = 0;            // the policy's
+        Bytes uniqueId = HOST_UNIQUE_ID;  // the host's
         Messages messages = {};
         bool generator = true;
     };

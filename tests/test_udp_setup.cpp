@@ -396,11 +396,6 @@ struct Table {
     ~Table() {
         if (list != g_sentinel && list != nullptr) KELOsapiHeap_freeArray(list);
     }
-    Outcome parse(const char *json) {
-        LogCapture log;
-        const int result = VESK_Transport_CommPortsHelper_parseJson(&list, &length, json);
-        return {result, describeAll(log)};
-    }
 };
 
 TEST(CommPortsJson, EachNullArgumentIsAPreconditionFailure) {
@@ -476,7 +471,10 @@ TEST(CommPortsJson, DocumentsBecomeTablesOrFailWithTheirMessages) {
         SCOPED_TRACE(c.json);
         const KEL_UINT64 blocks = liveHeapBlocks();
         Table table;
-        auto outcome = table.parse(c.json.c_str());
+        LogCapture log;
+        const int result =
+            VESK_Transport_CommPortsHelper_parseJson(&table.list, &table.length, c.json.c_str());
+        Outcome outcome(result, describeAll(log));
         Lines &lines = outcome.second;
         if (lines.size() == 2 && c.outcome.second[1].empty() && lines[1].size() > element.size() &&
             lines[1].rfind(element.substr(0, element.size() - 1), 0) == 0) {

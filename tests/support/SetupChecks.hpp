@@ -20,8 +20,8 @@
 
 namespace vesk::test {
 
-// "level function TEMPLATE[format](param|param)": a log record as one
-// comparable line; the format part only for _TEMPLATE messages.
+// "level function TEMPLATE[format](param|param)": a log record as one line;
+// the format part only for _TEMPLATE messages.
 inline std::string message(KEL_UINT32 level, const std::string &function,
                            const std::string &template_name, const std::vector<std::string> &params,
                            const std::string &format = "") {
@@ -260,8 +260,7 @@ Record withDefaultThreadName(Record record) {
     return record;
 }
 
-// A factory's working state: a copy of a default record and cleared flags;
-// the cleanup runs when it goes out of scope.
+// A record with cleared flags, cleaned up at the end.
 struct UdpRecord {
     Udp record;
     VESK_Transport_internalMemoryAllocations allocations{};
@@ -289,12 +288,6 @@ struct PluginDeleter {
     void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
 };
 using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
-
-// A plugin's own record: its property member heads the class's record.
-template <typename Record>
-const Record &recordOf(const PluginPtr &plugin) {
-    return *reinterpret_cast<const Record *>(plugin->property);
-}
 
 // The platform's mutexes taken as robust (1) or not (0) while in scope.
 struct ForcedRobustMutex {
@@ -345,10 +338,10 @@ struct PreconditionWatch {
     }
 };
 
-// A setup's allocation sweep: call(state) runs with each allocation failing
-// in turn, then with none; check(failed, state, result, log lines) after each
-// run; the state's destructor releases what the run left before the leak
-// check. Gives the last log line of every failed run and the count of runs.
+// A setup's allocation sweep: call(state) with each allocation failing in
+// turn, then none; check(failed, state, result, log lines) after each run;
+// the state's destructor releases what the run left before the leak check.
+// Gives the last log line of every failed run and the count of failed runs.
 struct SweepLines {
     std::set<std::string> lastLines;
     long failurePoints = 0;
