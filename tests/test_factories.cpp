@@ -86,10 +86,6 @@ void expectRows(const std::vector<Row> &rows) {
     }
 }
 
-// ---------------------------------------------------------------------------
-// The default records: the documented value of every field
-// ---------------------------------------------------------------------------
-
 // The generic part of the UDP records; the shared-memory record differs in
 // the numbers given with it.
 const char *const GENERIC_DEFAULTS =
@@ -136,10 +132,6 @@ TEST(Defaults, EveryFieldOfTheRecords) {
               "gather_send_buffer_count_max=1024;message_size_max=65536"));
     EXPECT_EQ(shmem, render(VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT));
 }
-
-// ---------------------------------------------------------------------------
-// One row per form of a factory and per way it fails
-// ---------------------------------------------------------------------------
 
 // The same list reaches the plugin under the prefix, under no prefix and
 // through the short form. A failed setup: its messages, then the factory's

@@ -271,11 +271,7 @@ TEST(ShmemSetup, TheUnitTestSwitchSetsReservedOnlyForTrueAndAlwaysCounts) {
     }
 }
 
-// ---------------------------------------------------------------------------
-// The host id and the shared-memory address
-// ---------------------------------------------------------------------------
-
-// One row per branch. With "host_id" neither the policy nor the
+// One row per branch of the host id and the address. With "host_id" neither the policy nor the
 // generator is read; without it, a missing generator is a failed
 // precondition, and the locator flag is read (and can fail) only for
 // FROM_UUID. An address that cannot be generated is logged, and the setup
@@ -406,10 +402,6 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
         EXPECT_EQ(c.address, field(run.record, "shmemUUID"));
     }
 }
-
-// ---------------------------------------------------------------------------
-// The generic part and name validation
-// ---------------------------------------------------------------------------
 
 // Each list also holds "received_message_count_max": read (by its whole
 // name, never under the prefix) and counted once unless the setup failed

@@ -77,8 +77,7 @@ std::string notJson(const std::string &value) {
     return error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", value});
 }
 
-// The thirty properties in the order in which they are read: a good value
-// and its field's rendering, and a bad value.
+// The thirty properties in reading order: good value, its rendering, bad value.
 struct Row {
     const char *suffix, *good, *rendered, *bad;
 };
@@ -344,10 +343,9 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
     }
 }
 
-// A member is released only when flagged, then nulled (a list's length 0),
-// and any thread-name prefix; the flags stay, so a second cleanup must not
-// release twice. The listener is the application's. (The factories run the
-// class wrappers.)
+// A member is released only when flagged, then nulled, and any thread-name
+// prefix; the flags stay, so a second cleanup must not release twice. The
+// listener is the application's. (The factories run the class wrappers.)
 TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     VESK_Transport_cleanupUDPProperty(nullptr, nullptr);
     VESK_Transport_cleanupParentTransportProperty(nullptr, nullptr);
@@ -376,10 +374,7 @@ TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     VESK_Transport_cleanupUDPProperty(&record, &flags);
 }
 
-// ---------------------------------------------------------------------------
-// The WAN properties: "comm_ports" (a port or a JSON document),
-// "public_address", "wan_listener_ptr"
-// ---------------------------------------------------------------------------
+// The WAN properties: "comm_ports" (a port or a JSON document) and the rest.
 
 const char *const EXAMPLE =
     R"({"default": {"host": 7400, "public": 17400},
@@ -388,8 +383,7 @@ const char *const EXAMPLE =
 const char *const EXAMPLE_TABLE = "[{0,7400,17400},{7410,7410,17410},{7411,7500,7500}]";
 Mapping g_sentinel[1] = {{1, 2, 3, 4}};
 
-// The caller's side of a parse: the list and its length; a parsed table is
-// released at the end.
+// The caller's list and length; a parsed table is released at the end.
 struct Table {
     Mapping *list = g_sentinel;
     KEL_INT32 length = 77;
@@ -494,8 +488,7 @@ TEST(CommPortsJson, DocumentsBecomeTablesOrFailWithTheirMessages) {
     }
 }
 
-// Each refused allocation gives 0, leaves the caller's list alone and logs
-// exactly one of its two messages.
+// Each refused allocation: 0, the caller's list untouched, one message.
 TEST(CommPortsJson, EveryAllocationFailureLeavesNothing) {
     const std::string creation = error(PARSE_JSON, "KEL_LOG_CREATION_FAILURE_s", {"commPortsList"});
     const auto sweep = sweepSetup<Table>(
