@@ -1,7 +1,5 @@
 // The builtin factories: the default records, the plugin of a list in every
-// form, one row per way a factory fails (a failed setup, a refusing
-// constructor), the caller's address, and every allocation failing in turn.
-// What the setups read and refuse is tested with the setups.
+// form, each way a factory fails, and every allocation failing in turn.
 
 #include <gtest/gtest.h>
 
@@ -11,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "support/AllocationSweep.hpp"
 #include "support/EveryProperty.hpp"
 #include "support/SetupChecks.hpp"
 #include "vesk_transport/PropertyTables.hpp"
@@ -72,7 +69,9 @@ void expectRows(const std::vector<Row> &rows) {
         {
             LogCapture log;
             const PluginPtr plugin(row.create(&address));
-            EXPECT_EQ(row.record, plugin ? render(recordOf<Record>(plugin)) : Rendered{});
+            EXPECT_EQ(row.record, plugin
+                                      ? render(*reinterpret_cast<const Record *>(plugin->property))
+                                      : Rendered{});
             if (row.constructor.empty()) {
                 EXPECT_EQ(row.messages, describeAll(log));
             } else {
@@ -86,10 +85,6 @@ void expectRows(const std::vector<Row> &rows) {
         EXPECT_EQ(blocks, liveHeapBlocks());  // the plugin's copies went with it
     }
 }
-
-// ---------------------------------------------------------------------------
-// The default records: the documented value of every field
-// ---------------------------------------------------------------------------
 
 // The generic part of the UDP records; the shared-memory record differs in
 // the numbers given with it.
@@ -137,10 +132,6 @@ TEST(Defaults, EveryFieldOfTheRecords) {
               "gather_send_buffer_count_max=1024;message_size_max=65536"));
     EXPECT_EQ(shmem, render(VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT));
 }
-
-// ---------------------------------------------------------------------------
-// One row per form of a factory and per way it fails
-// ---------------------------------------------------------------------------
 
 // The same list reaches the plugin under the prefix, under no prefix and
 // through the short form. A failed setup: its messages, then the factory's
@@ -242,19 +233,6 @@ TEST(ShmemFactory, EachListAndEachFailure) {
     });
 }
 
-// ---------------------------------------------------------------------------
-// Every allocation of a factory refused in turn, with every property set
-// (values from support/EveryProperty.hpp)
-// ---------------------------------------------------------------------------
-
-TEST(ValueTable, CoversEveryAcceptedSuffix) {
-    for (Class cls : {Class::udpv4, Class::udpv4Wan, Class::udpv6, Class::shmem}) {
-        for (const std::string &suffix : acceptedSuffixes(cls)) {
-            EXPECT_FALSE(valueFor(suffix, cls).empty()) << "no sweep value for " << suffix;
-        }
-    }
-}
-
 // Each suffix a class reads is in the list its row names (public or
 // private), and in no other: the split that docs/properties.md shows.
 TEST(ValueTable, EachSuffixIsInTheListItsRowNames) {
@@ -286,41 +264,34 @@ TEST(ValueTable, EachSuffixIsInTheListItsRowNames) {
 // precondition failure; the last message is the factory's one creation
 // failure, or the constructor's with none of the factory.
 template <typename Create>
-void sweepFactory(Create create, const std::string &factoryFunction, const std::string &constructor,
+void sweepFactory(Create create, const std::string &factory, const std::string &constructor,
                   long minimumPoints) {
-    struct Outcome {
-        PluginPtr plugin;
-        std::vector<LogEntry> log;
-    };
-    const SweepSummary summary = sweepAllocationFailures(
-        [&] {
-            LogCapture capture;
-            Outcome outcome{PluginPtr(create()), {}};
-            outcome.log = capture.entries();
-            return outcome;
+    const auto sweep = sweepSetup<PluginPtr>(
+        [&](PluginPtr &plugin) {
+            plugin.reset(create());
+            return 0;
         },
-        [&](const SweepStep &step, Outcome &outcome) {
+        [&](bool failed, const PluginPtr &plugin, int, const std::vector<std::string> &lines) {
             // At most the warning that lo (the one interface allowed) has no multicast.
-            const KEL_UINT32 level = step.failed ? KEL_LOG_BIT_ERROR : KEL_LOG_BIT_WARN;
-            for (const LogEntry &entry : outcome.log) EXPECT_EQ(level, entry.level) << entry.text;
-            EXPECT_EQ(step.failed, outcome.plugin == nullptr);
-            if (!step.failed) return;
-            ASSERT_FALSE(outcome.log.empty()) << "a refused allocation was not reported";
+            const auto level = std::to_string(failed ? KEL_LOG_BIT_ERROR : KEL_LOG_BIT_WARN) + " ";
+            const auto from = [&](const std::string &line, const std::string &function) {
+                return line.rfind(level + function + " ", 0) == 0;
+            };
+            for (const std::string &line : lines) EXPECT_EQ(0u, line.rfind(level, 0)) << line;
+            EXPECT_EQ(failed, plugin == nullptr);
+            if (!failed) return;
+            ASSERT_FALSE(lines.empty()) << "a refused allocation was not reported";
             const auto fromFactory = std::count_if(
-                outcome.log.begin(), outcome.log.end(),
-                [&](const LogEntry &entry) { return entry.function == factoryFunction; });
-            const LogEntry &last = outcome.log.back();
-            if (last.function == factoryFunction) {
-                EXPECT_EQ("KEL_LOG_CREATION_FAILURE_s", last.template_name);
+                lines.begin(), lines.end(), [&](const auto &line) { return from(line, factory); });
+            if (from(lines.back(), factory)) {
+                EXPECT_NE(std::string::npos, lines.back().find(" KEL_LOG_CREATION_FAILURE_s("));
                 EXPECT_EQ(1, fromFactory);
             } else {
-                EXPECT_EQ(constructor, last.function) << last.text;
+                EXPECT_TRUE(from(lines.back(), constructor)) << lines.back();
                 EXPECT_EQ(0, fromFactory);
             }
-        },
-        [](Outcome &outcome) { outcome.plugin.reset(); });
-    EXPECT_TRUE(summary.completed);
-    EXPECT_GE(summary.failurePoints, minimumPoints);
+        });
+    EXPECT_GE(sweep.failurePoints, minimumPoints);
 }
 
 TEST(FactorySweep, EveryFactoryWithEveryProperty) {

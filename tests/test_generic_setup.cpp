@@ -1,7 +1,4 @@
-// The generic part of every transport record and the interface lists in
-// it: values, keywords and their case rules, ranges, counting, the
-// thread-name and GUID prefixes, what a failure leaves allocated, the
-// cleanup, and every allocation failing in turn.
+// The generic part of every transport record and its interface lists.
 
 #include <gtest/gtest.h>
 
@@ -17,13 +14,13 @@ namespace {
 
 using namespace vesk::test;
 using Flags = VESK_Transport_internalMemoryAllocations;
+using Lines = std::vector<std::string>;
 
 constexpr const char *PREFIX = "dds.transport.UDPv4.builtin";
 constexpr const char *SINGLE = "parent.allow_interfaces";
 constexpr const char *LIST = "parent.allow_interfaces_list";
 
-// A generic record as a factory hands it in (the UDPv4 defaults), with its
-// allocations record; the generic cleanup runs at the end.
+// The UDPv4 defaults' generic part, cleaned up at the end.
 struct GenericRecord {
     Generic record = VESK_TRANSPORT_UDPV4_PROPERTY_DEFAULT.parent;
     Flags flags{};
@@ -39,12 +36,10 @@ std::string guid(KEL_UINT32 host, KEL_UINT32 app, KEL_UINT32 instance) {
     return renderBytes(&prefix, sizeof prefix);
 }
 
-// One value: a good one changes only its field (from a record whose bitmap,
-// message size and interface count are not the defaults), counts once and
-// logs nothing; a bad one gives -1 and exactly its message (none given:
-// KEL_LOG_PARSER_FAILURE_ss with suffix and value), and changes nothing.
-// The thread-name prefix gets its default before the GUID prefix and the
-// interface count are read.
+// A good value changes only its field (the bitmap, message size and
+// interface count start off their defaults) and counts once; a bad one
+// gives -1, its message ("": the parser failure) and changes nothing. The
+// thread-name prefix gets its default before the last two are read.
 TEST(GenericSetup, EachValueSetsItsFieldOrFailsWithItsMessage) {
     const std::string guid123 = guid(1, 2, 3), PARSER = "";
     const std::string RANGE = error(PARENT_SETUP, "KEL_LOG_PARSER_VALUE_OUT_OF_RANGE_ss",
@@ -133,13 +128,8 @@ TEST(GenericSetup, EachValueSetsItsFieldOrFailsWithItsMessage) {
             if (expected == RANGE) run.record.address_bit_count = before.address_bit_count;
             EXPECT_EQ(Rendered{}, changes(before, run.record));
         }
-        std::vector<std::string> lines;
-        if (bad && expected.empty()) {
-            lines.push_back(error(PARENT_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {suffix, value}));
-        } else if (bad) {
-            lines.push_back(expected);
-        }
-        EXPECT_EQ(lines, describeAll(log));
+        const std::string line = expected.empty() ? parser(PARENT_SETUP, suffix, value) : expected;
+        EXPECT_EQ(bad ? Lines{line} : Lines{}, describeAll(log));
         EXPECT_EQ("0,0,0,0,0,0", renderFlags(run.flags));
     }
     for (const VESK_Transport_ClassName *entry = VESK_TRANSPORT_CLASS_NAMES; entry->name != nullptr;
@@ -192,28 +182,24 @@ TEST(GenericSetup, ThreadNamePrefix) {
         EXPECT_EQ(c.result, run.setup(PropertyList(c.properties, PREFIX)));
         ASSERT_NE(nullptr, run.record.thread_name_prefix);
         EXPECT_STREQ(c.prefix, run.record.thread_name_prefix);
-        std::vector<std::string> expected;
-        if (c.truncated != nullptr) {
-            expected.push_back(message(KEL_LOG_BIT_WARN, PARENT_SETUP,
-                                       "KEL_LOG_TRUNCATED_STRING_sds",
-                                       {c.truncated, "8", c.prefix}));
-        }
-        EXPECT_EQ(expected, describeAll(log));
+        EXPECT_EQ(c.truncated
+                      ? Lines{message(KEL_LOG_BIT_WARN, PARENT_SETUP,
+                                      "KEL_LOG_TRUNCATED_STRING_sds", {c.truncated, "8", c.prefix})}
+                      : Lines{},
+                  describeAll(log));
         VESK_Transport_cleanupParentTransportProperty(&run.record, &run.flags);
         EXPECT_EQ(nullptr, run.record.thread_name_prefix);
     }
 }
 
 TEST(GenericSetup, AShortThreadNamePrefixOfNineCharactersIsAPreconditionFailure) {
-    PreconditionFlags watch;
-    LogCapture log;
+    PreconditionWatch watch;
     GenericRecord run;
     EXPECT_EQ(-1, run.setup(PropertyList(
                       "thread_name_prefix=123456789;participant_guid_prefix=1,2,3", PREFIX)));
     EXPECT_EQ(nullptr, run.record.thread_name_prefix);
     EXPECT_EQ(guid(0, 0, 0), field(run.record, "transport_uuid"));  // not read
-    expectPrecondition(log, PARENT_SETUP, "thread_name_prefix");
-    watch.expectOne();
+    watch.expectOne(PARENT_SETUP, "thread_name_prefix");
 }
 
 // The four interface lists: the names, the field and the flag of each.
@@ -224,8 +210,7 @@ const std::array<std::string, 3> LISTS[] = {
     {"parent.deny_multicast_interfaces", "deny_multicast_interfaces_list", "0,0,0,1,0,0"},
 };
 
-// Both names of a list count once; the cleanup releases the list and clears
-// no flag.
+// Both names count once; the cleanup releases the list, not the flag.
 TEST(GenericSetup, EachInterfaceListIsReadIntoItsFieldAndFlag) {
     for (const auto &[single, list, flags] : LISTS) {
         SCOPED_TRACE(single);
@@ -246,8 +231,7 @@ TEST(GenericSetup, EachInterfaceListIsReadIntoItsFieldAndFlag) {
 }
 
 // A second setup without the cleanup fails at the first list still
-// flagged: the lists read before stay allocated and flagged for the
-// cleanup, and the thread-name prefix is not replaced.
+// flagged; what it read before stays flagged; the prefix is not replaced.
 TEST(GenericSetup, ASecondSetupWithoutCleanupFailsAtTheFirstFlaggedList) {
     GenericRecord run;
     ASSERT_EQ(2, run.setup(PropertyList(
@@ -269,9 +253,8 @@ TEST(GenericSetup, ASecondSetupWithoutCleanupFailsAtTheFirstFlaggedList) {
     EXPECT_EQ(threadNamePrefix, run.record.thread_name_prefix);
 }
 
-// A failed setup logs the reason, then names the list or thread-name step;
-// every list is flagged exactly when it is held, and whole; no failure
-// leaves a prefix; the cleanup releases everything.
+// A failed setup names the failed step last; a list is flagged exactly when
+// held, and whole; no failure leaves a prefix.
 TEST(GenericSetup, EveryAllocationFailureLeavesOnlyFlaggedMembersBehind) {
     PropertyList properties("parent.thread_name_prefix=abcdefghij", PREFIX);
     std::set<std::string> expected = {
@@ -299,8 +282,7 @@ TEST(GenericSetup, EveryAllocationFailureLeavesOnlyFlaggedMembersBehind) {
     EXPECT_EQ(expected, sweep.lastLines);
 }
 
-// The caller's side of one list: its fields, the counter and the flag; the
-// list is released at the end when flagged.
+// The caller's side of one list; a flagged list is released at the end.
 struct ListState {
     KEL_INT32 length = 0;
     char **list = nullptr;
@@ -316,7 +298,7 @@ struct ListState {
 };
 
 // Each null (and a list still flagged) is reported, the first in parameter
-// order when there are several, and changes nothing.
+// order, and changes nothing.
 TEST(InterfaceList, EachPreconditionIsReportedInOrderAndChangesNothing) {
     PropertyList properties{{std::string(PREFIX) + "." + SINGLE, "eth0"}};
     char *foreign[] = {const_cast<char *>("lo")};
@@ -337,8 +319,7 @@ TEST(InterfaceList, EachPreconditionIsReportedInOrderAndChangesNothing) {
         for (int detect : {0, 1}) {
             SCOPED_TRACE(std::string(nulls) + " " + std::to_string(detect));
             const auto on = [&](int i) { return nulls[i] == '1'; };
-            PreconditionFlags watch(detect);
-            LogCapture log;
+            PreconditionWatch watch(detect);
             KEL_INT32 length = 1, flag = on(5) ? 1 : 0;
             char **list = on(5) ? foreign : nullptr;
             int counter = 3;
@@ -346,8 +327,7 @@ TEST(InterfaceList, EachPreconditionIsReportedInOrderAndChangesNothing) {
                              on(0) ? nullptr : &length, on(1) ? nullptr : &list, &counter, &flag,
                              on(2) ? nullptr : properties.get(), PREFIX, on(3) ? nullptr : SINGLE,
                              on(4) ? nullptr : LIST));
-            expectPrecondition(log, PARSE_INTERFACE_LIST, reported);
-            watch.expectOne();
+            watch.expectOne(PARSE_INTERFACE_LIST, reported);
             EXPECT_EQ(1, length);
             EXPECT_EQ(on(5) ? foreign : nullptr, list);
             EXPECT_EQ(3, counter);
@@ -356,9 +336,7 @@ TEST(InterfaceList, EachPreconditionIsReportedInOrderAndChangesNothing) {
     }
 }
 
-// Found: split at commas, each piece trimmed, a new flagged list of the
-// module's heap, counted once. An empty value counts but allocates nothing.
-// Not found: everything stays as it was.
+// Found: split at commas, pieces trimmed, a new flagged list, counted once.
 TEST(InterfaceList, ValuesAreSplitAtCommasAndTrimmed) {
     const std::string single = std::string(PREFIX) + "." + SINGLE;
     const std::string list = std::string(PREFIX) + "." + LIST;
@@ -416,8 +394,7 @@ TEST(InterfaceList, ValuesAreSplitAtCommasAndTrimmed) {
     }
 }
 
-// Without counter and flag nothing is counted or protected: a second read
-// replaces the first list.
+// Without counter and flag a second read replaces the first list.
 TEST(InterfaceList, CounterAndFlagMayBeNullAndThenNothingIsProtected) {
     PropertyList properties{{std::string(PREFIX) + "." + LIST, "eth0,eth1"}};
     ListState first, second;
@@ -433,8 +410,6 @@ TEST(InterfaceList, CounterAndFlagMayBeNullAndThenNothingIsProtected) {
     EXPECT_NE(first.list, second.list);
 }
 
-// Each refused allocation logs one message, leaves the list empty and
-// unflagged, counts nothing and leaks nothing.
 TEST(InterfaceList, EveryAllocationFailureReleasesTheList) {
     const std::string value = "eth0, eth1 ,eth2";
     PropertyList properties{{std::string(PREFIX) + "." + SINGLE, value}};
@@ -463,9 +438,8 @@ TEST(InterfaceList, EveryAllocationFailureReleasesTheList) {
     EXPECT_EQ(8, sweep.failurePoints);
 }
 
-// A failure releases the list in its current state: before our array
-// replaces the caller's, that is the caller's array with the caller's own
-// length, never the new one.
+// A failure before the new array replaces the caller's releases the
+// caller's list with the caller's own length.
 TEST(InterfaceList, AFailureBeforeTheReplacementReleasesTheCallersListWhole) {
     PropertyList properties{{std::string(PREFIX) + "." + LIST, "a,b,c"}};
     bool releasedCallersList = false, keptCallersList = false;

@@ -1,7 +1,5 @@
-// The shared-memory property setup: the format version, each setting and
-// the fixed order in which a bad value stops the setup, the unit-test
-// switch, the host id and address in every branch, the generic part and
-// validation, every allocation failing in turn, and the cleanup.
+// The shared-memory property setup: format version, settings and their
+// order, the unit-test switch, host id and address, validation, cleanup.
 
 #include <gtest/gtest.h>
 
@@ -12,7 +10,6 @@
 #include <tuple>
 #include <vector>
 
-#include "support/AllocationSweep.hpp"
 #include "support/EveryProperty.hpp"
 #include "support/SetupChecks.hpp"
 #include "vesk_transport/Support.h"
@@ -23,6 +20,7 @@ using namespace vesk::test;
 using Bytes = std::array<unsigned char, 16>;
 using V = DDS_ProductVersion_t;
 using Messages = std::vector<std::string>;
+using Outcome = std::pair<int, Messages>;  // a result and the log lines
 
 constexpr int NO_POLICY = -1;
 constexpr KEL_UINT32 GENERATOR_HOST_ID = 0x0C0D0E0F;
@@ -67,7 +65,7 @@ const Bytes NEAR_LOOPBACK_UNIQUE_ID = {127,  0,    0,    2,    0x51, 0x52, 0x53,
                                        0x55, 0x56, 0x57, 0x58, 0x59, 0x5a, 0x5b, 0x5c};
 
 std::string parser(const char *name, const std::string &value) {
-    return error(SHMEM_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {name, value});
+    return vesk::test::parser(SHMEM_SETUP, name, value);
 }
 
 // What the policy, the platform and the record hold before a setup.
@@ -84,9 +82,8 @@ struct Start {
     KEL_INT32 debugging = 0;  // enable_udp_debugging
 };
 
-// The setup of a list ("name=value;...") from start: its result; its
-// messages in log.
-int setup(ShmemRecord &run, const std::string &list, const Start &start, Messages &log) {
+// The setup of a list ("name=value;...") from start.
+Outcome setup(ShmemRecord &run, const std::string &list, const Start &start) {
     ForcedRobustMutex forced(start.robust);
     UniqueIdOverride uniqueId(start.uniqueId);
     Generator generator;
@@ -103,8 +100,7 @@ int setup(ShmemRecord &run, const std::string &list, const Start &start, Message
     const int result = run.setup(properties, start.policy == NO_POLICY ? nullptr : &policy,
                                  start.generator ? generator.generator : nullptr,
                                  start.minimum ? &minimum : nullptr);
-    log = describeAll(capture);
-    return result;
+    return {result, describeAll(capture)};
 }
 
 TEST(ShmemSetup, TheVersionConstantsAreTheDocumentedVersions) {
@@ -157,12 +153,10 @@ TEST(ShmemSetup, TheFormatVersionFollowsTheMutexesAndTheMinimumVersion) {
         SCOPED_TRACE(&c - cases.data());
         const bool given = c.minimum && std::memcmp(&*c.minimum, &zero, sizeof zero) != 0;
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(given ? 1 : 0,
-                  setup(run, "",
-                        {.minimum = c.minimum, .robust = c.robust, .majorVersion = c.before}, log));
+        EXPECT_EQ(
+            Outcome(given ? 1 : 0, {}),
+            setup(run, "", {.minimum = c.minimum, .robust = c.robust, .majorVersion = c.before}));
         EXPECT_EQ(c.expected, run.record.majorVersion);
-        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -196,16 +190,14 @@ TEST(ShmemSetup, EachSettingSetsItsFieldAndCountsOnce) {
         {"parent.message_size_max=9000", 1, "message_size_max=9000"},
     };
     ShmemRecord baseline;
-    Messages log;
-    ASSERT_EQ(0, setup(baseline, "", {}, log));
+    ASSERT_EQ(Outcome(0, {}), setup(baseline, "", {}));
     for (const Case &c : cases) {
         SCOPED_TRACE(c.properties);
         ShmemRecord run;
         Shmem before = baseline.record;
         before.enable_udp_debugging = c.enabledBefore;
-        EXPECT_EQ(c.count, setup(run, c.properties, {.debugging = c.enabledBefore}, log));
+        EXPECT_EQ(Outcome(c.count, {}), setup(run, c.properties, {.debugging = c.enabledBefore}));
         EXPECT_EQ(pairs(c.fields), changes(before, run.record));
-        EXPECT_EQ(Messages{}, log);
     }
 }
 
@@ -251,13 +243,11 @@ TEST(ShmemSetup, ABadValueStopsTheSetupWithItsMessageInTheFixedOrder) {
             expected.insert(expected.end(), {{"majorVersion", "5"}, {"reserved", "1"}});
         }
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(-1, setup(run, list, {.minimum = V{6, 1, 0, 0}, .robust = 1}, log));
-        EXPECT_EQ(Messages{b.name == std::string("udp_debugging_address")
-                               ? error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s",
-                                       {"resolve UDP debugging IP address"})
-                               : parser(b.name, b.bad)},
-                  log);
+        EXPECT_EQ(Outcome(-1, {b.name == std::string("udp_debugging_address")
+                                   ? error(SHMEM_SETUP, "KEL_LOG_ANY_FAILURE_s",
+                                           {"resolve UDP debugging IP address"})
+                                   : parser(b.name, b.bad)}),
+                  setup(run, list, {.minimum = V{6, 1, 0, 0}, .robust = 1}));
         // What a failed conversion leaves in its own field is open.
         const std::string own = b.field ? b.field : b.name;
         EXPECT_EQ(with(render(defaults), expected),
@@ -274,19 +264,14 @@ TEST(ShmemSetup, TheUnitTestSwitchSetsReservedOnlyForTrueAndAlwaysCounts) {
     for (const auto &[value, before, after] : cases) {
         SCOPED_TRACE(std::string("\"") + value + "\", reserved " + std::to_string(before));
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(1, setup(run, std::string("CORE_6518_unit_test_disable_shmem=") + value,
-                           {.reserved = before}, log));
+        EXPECT_EQ(Outcome(1, {}),
+                  setup(run, std::string("CORE_6518_unit_test_disable_shmem=") + value,
+                        {.reserved = before}));
         EXPECT_EQ(after, run.record.reserved);
-        EXPECT_EQ(Messages{}, log);
     }
 }
 
-// ---------------------------------------------------------------------------
-// The host id and the shared-memory address
-// ---------------------------------------------------------------------------
-
-// One row per branch. With "host_id" neither the policy nor the
+// One row per branch of the host id and the address. With "host_id" neither the policy nor the
 // generator is read; without it, a missing generator is a failed
 // precondition, and the locator flag is read (and can fail) only for
 // FROM_UUID. An address that cannot be generated is logged, and the setup
@@ -296,22 +281,17 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
     const KEL_UINT32 X = 0x01020304;  // an explicit host id in the policy
     const int uuid = DDS_RTPS_AUTO_ID_FROM_UUID, mac = DDS_RTPS_AUTO_ID_FROM_MAC;
     const int ip = DDS_RTPS_AUTO_ID_FROM_IP, none = NO_POLICY;
-    // Each row: the policy kind (or none), the properties, the result, every
-    // byte of shmemUUID before (0 is the invalid address) and after; then,
-    // where they matter, the record's reserved value, the minimum version,
-    // the policy's host id, the host's unique id, the messages and whether
-    // there is a generator.
     struct Case {
         const char *name;
-        int policy;
+        int policy;  // the policy's kind, or none
         std::string properties;
         int result;
-        unsigned char fill;
-        std::string address;
+        unsigned char fill;   // every byte of shmemUUID before (0: the invalid address)
+        std::string address;  // shmemUUID after
         KEL_INT32 reserved = 0;
         std::optional<V> minimum = std::nullopt;
-        KEL_UINT32 hostId = 0;
-        Bytes uniqueId = HOST_UNIQUE_ID;
+        KEL_UINT32 hostId = 0;            // the policy's
+        Bytes uniqueId = HOST_UNIQUE_ID;  // the host's
         Messages messages = {};
         bool generator = true;
     };
@@ -411,7 +391,6 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         ShmemRecord run;
-        Messages log;
         const Start start = {.policy = c.policy,
                              .hostId = c.hostId,
                              .fill = c.fill,
@@ -419,15 +398,10 @@ TEST(ShmemSetup, TheHostIdAndAddressFollowEveryBranch) {
                              .minimum = c.minimum,
                              .uniqueId = c.uniqueId,
                              .generator = c.generator};
-        EXPECT_EQ(c.result, setup(run, c.properties, start, log));
+        EXPECT_EQ(Outcome(c.result, c.messages), setup(run, c.properties, start));
         EXPECT_EQ(c.address, field(run.record, "shmemUUID"));
-        EXPECT_EQ(c.messages, log);
     }
 }
-
-// ---------------------------------------------------------------------------
-// The generic part and name validation
-// ---------------------------------------------------------------------------
 
 // Each list also holds "received_message_count_max": read (by its whole
 // name, never under the prefix) and counted once unless the setup failed
@@ -474,93 +448,53 @@ TEST(ShmemSetup, TheGenericPartAndValidationComeBeforeTheSettings) {
     for (const auto &[list, result, messages] : cases) {
         SCOPED_TRACE(list);
         ShmemRecord run;
-        Messages log;
-        EXPECT_EQ(result, setup(run, list + ";received_message_count_max=5", {}, log));
-        EXPECT_EQ(messages, log);
+        EXPECT_EQ(Outcome(result, messages),
+                  setup(run, list + ";received_message_count_max=5", {}));
         EXPECT_EQ(result < 0 ? 64 : 5, run.record.received_message_count_max);
     }
 }
 
-// Every name at once (support/EveryProperty.hpp) with the action EXCEPTION,
-// a wire-protocol policy and a generator (a path no factory takes). When no
-// allocation is refused, validation passes and the result counts each
-// property applied once: a list under both its names, and the two
-// thread-name prefixes, count once; the locator flag is not read when
-// "host_id" is given. When one is refused: -1 and errors only, and every
-// list held is flagged and whole. The cleanup leaves nothing either way.
+// Every name at once with the action EXCEPTION, a wire-protocol policy and
+// a generator (a path no factory takes): each property counts once (a list
+// under both names, the two thread-name prefixes too; the locator flag is
+// not read with "host_id"). A refused allocation: -1 and errors only, every
+// list held flagged and whole. The cleanup leaves nothing either way.
 TEST(ShmemSetup, EveryNameAtOnceAndEveryAllocationFailure) {
+    VESK_Transport_cleanupShmemProperty(nullptr, nullptr);
     PropertyList properties;
     properties.addEvery(Class::shmem).add("prefix", "").add(ACTION, "EXCEPTION");
     const V minimum = {6, 1, 0, 0};
     const DDS_WireProtocolQosPolicy policy = DDS_WireProtocolQosPolicy_INITIALIZER;
     Generator generator;
     ForcedRobustMutex forced(0);
-    struct Outcome {
-        ShmemRecord run;
-        int result = 0;
-        std::vector<LogEntry> log;
-    };
-    const auto summary = sweepAllocationFailures(
-        [&] {
-            LogCapture capture;
-            Outcome outcome;
-            outcome.result = outcome.run.setup(properties, &policy, generator.generator, &minimum);
-            outcome.log = capture.entries();
-            return outcome;
+    const auto sweep = sweepSetup<ShmemRecord>(
+        [&](ShmemRecord &run) {
+            return run.setup(properties, &policy, generator.generator, &minimum);
         },
-        [&](const SweepStep &step, Outcome &outcome) {
-            const Shmem &record = outcome.run.record;
-            const std::string flags = renderFlags(outcome.run.flags);
+        [](bool failed, const ShmemRecord &run, int result, const Messages &lines) {
+            const std::string flags = renderFlags(run.flags);
             const char *lists[] = {"allow_interfaces_list", "deny_interfaces_list",
                                    "allow_multicast_interfaces_list",
                                    "deny_multicast_interfaces_list"};
             for (int i = 0; i < 4; ++i) {
-                const std::string held = field(record, lists[i]);
+                const std::string held = field(run.record, lists[i]);
                 EXPECT_EQ(held != "null", flags[2 * i] == '1') << lists[i];
                 EXPECT_EQ(std::string::npos, held.find("null]")) << held;
             }
-            for (const LogEntry &entry : outcome.log) {
-                EXPECT_EQ(static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR), entry.level) << entry.text;
+            for (const std::string &line : lines) {
+                EXPECT_EQ(0u, line.rfind(std::to_string(KEL_LOG_BIT_ERROR) + " ", 0)) << line;
             }
-            if (step.failed) {
-                EXPECT_EQ(-1, outcome.result);
-                EXPECT_FALSE(outcome.log.empty());
-                return;
-            }
+            EXPECT_EQ(failed, !lines.empty());
             // 12 generic, "prefix", 12 settings, the minimum, the switch, "host_id".
-            EXPECT_EQ(12 + 1 + 12 + 1 + 1 + 1, outcome.result);
-            EXPECT_TRUE(outcome.log.empty());
+            EXPECT_EQ(failed ? -1 : 12 + 1 + 12 + 1 + 1 + 1, result);
+            if (failed) return;
             EXPECT_EQ("1,1,1,1,0,0", flags);
-            EXPECT_STREQ("sweep", record.parent.thread_name_prefix);
-            EXPECT_EQ(4, record.majorVersion);
-            EXPECT_EQ(0, record.reserved);
-            EXPECT_EQ(generated(7), field(record, "shmemUUID"));
-        },
-        [](Outcome &outcome) {
-            VESK_Transport_cleanupShmemProperty(&outcome.run.record, &outcome.run.flags);
-            EXPECT_EQ(nullptr, outcome.run.record.parent.thread_name_prefix);
+            EXPECT_STREQ("sweep", run.record.parent.thread_name_prefix);
+            EXPECT_EQ(4, run.record.majorVersion);
+            EXPECT_EQ(0, run.record.reserved);
+            EXPECT_EQ(generated(7), field(run.record, "shmemUUID"));
         });
-    EXPECT_TRUE(summary.completed);
-    EXPECT_GT(summary.failurePoints, 10);
-}
-
-TEST(ShmemSetup, TheCleanupReleasesOnlyWhatIsFlaggedAndAcceptsNull) {
-    VESK_Transport_cleanupShmemProperty(nullptr, nullptr);
-    char name[] = "shm9";
-    char *theirs[] = {name};
-    PropertyList properties{{"parent.allow_interfaces_list", "shm0"},
-                            {"parent.thread_name_prefix", "shmC"}};
-    ShmemRecord run;
-    run.record.parent.deny_interfaces_list = theirs;
-    run.record.parent.deny_interfaces_list_length = 1;
-    ASSERT_EQ(2, run.setup(properties));
-    VESK_Transport_cleanupShmemProperty(&run.record, &run.flags);
-    EXPECT_EQ(nullptr, run.record.parent.allow_interfaces_list);
-    EXPECT_EQ(nullptr, run.record.parent.thread_name_prefix);
-    EXPECT_EQ(theirs, run.record.parent.deny_interfaces_list);
-    EXPECT_EQ(1, run.record.parent.deny_interfaces_list_length);
-    run.record.parent.deny_interfaces_list = nullptr;
-    run.record.parent.deny_interfaces_list_length = 0;
+    EXPECT_GT(sweep.failurePoints, 10);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// The UDP setup: its thirty properties in their order, keywords and case
-// rules, the message of every bad value, counting, the validation of
-// unprefixed lists per class, the WAN port table and public address, and
-// the cleanup.
+// The UDP setup: its thirty properties, keywords, validation, the WAN port
+// table and the cleanup.
 
 #include <gtest/gtest.h>
 
@@ -65,7 +63,7 @@ VESK_Transport_UDP_WAN_Listener g_listener{};
 const std::string LISTENER = renderPointer(&g_listener);
 
 std::string parser(const std::string &suffix, const std::string &value) {
-    return error(UDP_SETUP, "KEL_LOG_PARSER_FAILURE_ss", {suffix, value});
+    return vesk::test::parser(UDP_SETUP, suffix, value);
 }
 std::string failedToParse(const std::string &suffix, const std::string &value) {
     return error(UDP_SETUP, "KEL_LOG_FAILED_TO_PARSE_TEMPLATE", {suffix + ": " + value}, "%s: %s");
@@ -75,18 +73,11 @@ std::string portRange(const std::string &value) {
                  {"comm_ports: " + value + " is out of valid port range (0-65535)"},
                  "%s: %s is out of valid port range (0-65535)");
 }
-std::string unknown(const char *name, KEL_UINT32 level = KEL_LOG_BIT_ERROR) {
-    return message(level, VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {name});
-}
-std::string inconsistent(const char *prefix) {
-    return error(UDP_SETUP, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix});
-}
 std::string notJson(const std::string &value) {
     return error(PARSE_JSON, "KEL_LOG_ANY_FAILURE_ss", {"parse JSON string: ", value});
 }
 
-// The thirty properties in the order in which they are read: a good value
-// and its field's rendering, and a bad value.
+// The thirty properties in reading order: good value, its rendering, bad value.
 struct Row {
     const char *suffix, *good, *rendered, *bad;
 };
@@ -148,18 +139,10 @@ std::string badMessage(const Row &row) {
     return parser(suffix, row.bad);
 }
 
-// No UDP property keeps every default; each good value sets its field.
 TEST(UdpSetup, EachGoodValueSetsItsFieldForEveryClass) {
     for (const UdpClass &udpClass : CLASSES) {
         SCOPED_TRACE(udpClass.classid);
         const Udp before = withDefaultThreadName(*udpClass.defaults);
-        {
-            PropertyList properties("send_blocking=0");  // bare: not read
-            properties.add(PREFIX, "misspelt_send_blocking", "0");
-            UdpRecord run(*udpClass.defaults);
-            EXPECT_EQ(Outcome(0, {}), setup(udpClass, run, properties));
-            EXPECT_EQ(Rendered{}, changes(before, run.record));
-        }
         for (const Row &row : ROWS) {
             SCOPED_TRACE(row.suffix);
             UdpRecord run(*udpClass.defaults);
@@ -298,7 +281,7 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
     const std::set<VESK_Transport_ClassId_t> V = {1, WAN, 2, 5};  // validated
     const std::set<VESK_Transport_ClassId_t> ALL = {1, WAN, 2, 5, UNKNOWN_CLASS};
     const std::set<VESK_Transport_ClassId_t> FIVE = {5}, UNKNOWN = {UNKNOWN_CLASS};
-    const std::string I = inconsistent(""), A = "dds.property_validation_action=";
+    const std::string I = inconsistent(UDP_SETUP, ""), A = "dds.property_validation_action=";
     const std::string P = std::string(PREFIX) + ".", BAD = "send_blockin=0;send_blocking=0";
     const std::string MAYBE =
         error("DDS_PropertyQosPolicy_parse_property_validation_action", "KEL_LOG_PARSER_FAILURE_ss",
@@ -317,7 +300,7 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
         // "prefix" sets the validation prefix only: names outside it are not
         // validated, names are still read bare; an empty one validates all.
         {V, nullptr, "prefix=my;my.bogus=1;send_blocking=0",
-         out(-1, unknown("my.bogus"), inconsistent("my")), 1},
+         out(-1, unknown("my.bogus"), inconsistent(UDP_SETUP, "my")), 1},
         {ALL, nullptr, "prefix=my;my.send_blocking=0;bogus=1", out(1), 1},
         {V, nullptr, "prefix=;send_blocking=0;bogus=1", out(-1, unknown("bogus"), I), 1},
         {UNKNOWN, nullptr, "prefix=;bogus=1;send_blocking=0", out(2), 0},
@@ -352,57 +335,17 @@ TEST(UdpSetup, PrefixesAndTheValidationOfUnprefixedLists) {
               "binding_ping_period", "binding_ping_mapping_expiration"}) {
             SCOPED_TRACE(suffix);
             UdpRecord run(*udpClass.defaults);
-            EXPECT_EQ(udpClass.classid == WAN ? Outcome(1, {})
-                                              : Outcome(-1, {unknown(suffix), inconsistent("")}),
+            EXPECT_EQ(udpClass.classid == WAN
+                          ? Outcome(1, {})
+                          : Outcome(-1, {unknown(suffix), inconsistent(UDP_SETUP, "")}),
                       setup(udpClass, run, PropertyList{{suffix, "0"}}, nullptr));
         }
     }
 }
 
-// Every property at once, with and without a prefix: each counts once (a
-// list given under both names too), and a class's own list of every name
-// it reads passes validation. Names under no prefix, or unknown ones under
-// a prefix, are not read.
-TEST(UdpSetup, TheResultCountsEveryPropertyApplied) {
-    for (const UdpClass &udpClass : CLASSES) {
-        for (const char *prefix : {PREFIX, static_cast<const char *>(nullptr)}) {
-            SCOPED_TRACE(std::to_string(udpClass.classid) + (prefix ? " prefixed" : ""));
-            const bool wanRows =
-                prefix || udpClass.classid == WAN || udpClass.classid == UNKNOWN_CLASS;
-            PropertyList properties(
-                "parent.classid=1;parent.address_bit_count=32;parent.properties_bitmap=0;"
-                "parent.gather_send_buffer_count_max=8;parent.message_size_max=8192;"
-                "parent.allow_interfaces=eth0;parent.allow_interfaces_list=lo;"
-                "parent.deny_interfaces_list=eth1;parent.allow_multicast_interfaces=eth2;"
-                "parent.deny_multicast_interfaces_list=eth3;parent.thread_name_prefix=abcd;"
-                "thread_name_prefix=abc;participant_guid_prefix=1,2,3;"
-                "parent.max_interface_count=4",
-                prefix ? prefix : "");
-            for (size_t i = 0; i < ROWS.size(); ++i) {
-                if (wanRows || i < 22 || i == 25 || i == 29)
-                    properties.add(prefix ? prefix : "", ROWS[i].suffix, ROWS[i].good);
-            }
-            if (!prefix) {
-                properties.add("prefix", "")
-                    .add(DDS_PROPERTY_VALIDATION_ACTION_PROPERTY_NAME, "EXCEPTION");
-            } else {
-                properties.add("parent.message_size_max", "9000")
-                    .add(prefix, "parent.unknown", "1");
-            }
-            UdpRecord run(*udpClass.defaults);
-            // The generic twelve, the UDP rows, and "prefix"; not the action.
-            EXPECT_EQ(Outcome(12 + (wanRows ? 30 : 24) + (prefix ? 0 : 1), {}),
-                      setup(udpClass, run, properties, prefix));
-            EXPECT_EQ(wanRows ? "1,1,1,1,1,1" : "1,1,1,1,0,0", renderFlags(run.allocations));
-            EXPECT_EQ(8192, run.record.parent.message_size_max);
-        }
-    }
-}
-
-// A member is released only when flagged, then nulled (a list's length 0),
-// and any thread-name prefix; the flags stay, so a second cleanup must not
-// release twice. The listener is the application's. Each wrapper releases
-// what its setup allocated.
+// A member is released only when flagged, then nulled, and any thread-name
+// prefix; the flags stay, so a second cleanup must not release twice. The
+// listener is the application's. (The factories run the class wrappers.)
 TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
     VESK_Transport_cleanupUDPProperty(nullptr, nullptr);
     VESK_Transport_cleanupParentTransportProperty(nullptr, nullptr);
@@ -429,25 +372,9 @@ TEST(UdpSetup, CleanupReleasesOnlyFlaggedMembers) {
               render(record));
     EXPECT_EQ("0,0,0,0,1,1", renderFlags(flags));
     VESK_Transport_cleanupUDPProperty(&record, &flags);
-    for (auto cleanup :
-         {VESK_Transport_cleanupUDPv4Property, VESK_Transport_cleanupUDPv4WanProperty,
-          VESK_Transport_cleanupUDPv6Property}) {
-        PropertyList properties(
-            "parent.allow_interfaces=eth0;parent.deny_multicast_interfaces=eth1,eth2;"
-            "public_address=;comm_ports={\"default\": {\"host\": 7400}}",
-            PREFIX);
-        UdpRecord run;
-        ASSERT_EQ(Outcome(4, {}), setup(WAN_CLASS, run, properties));
-        EXPECT_STREQ("", run.record.public_address);  // an empty address is copied too
-        cleanup(&run.record, &run.allocations);
-        EXPECT_EQ(render(VESK_TRANSPORT_UDPV4_WAN_PROPERTY_DEFAULT), render(run.record));
-    }
 }
 
-// ---------------------------------------------------------------------------
-// The WAN properties: "comm_ports" (a port or a JSON document),
-// "public_address", "wan_listener_ptr"
-// ---------------------------------------------------------------------------
+// The WAN properties: "comm_ports" (a port or a JSON document) and the rest.
 
 const char *const EXAMPLE =
     R"({"default": {"host": 7400, "public": 17400},
@@ -456,18 +383,12 @@ const char *const EXAMPLE =
 const char *const EXAMPLE_TABLE = "[{0,7400,17400},{7410,7410,17410},{7411,7500,7500}]";
 Mapping g_sentinel[1] = {{1, 2, 3, 4}};
 
-// The caller's side of a parse: the list and its length; a parsed table is
-// released at the end.
+// The caller's list and length; a parsed table is released at the end.
 struct Table {
     Mapping *list = g_sentinel;
     KEL_INT32 length = 77;
     ~Table() {
         if (list != g_sentinel && list != nullptr) KELOsapiHeap_freeArray(list);
-    }
-    Outcome parse(const char *json) {
-        LogCapture log;
-        const int result = VESK_Transport_CommPortsHelper_parseJson(&list, &length, json);
-        return {result, describeAll(log)};
     }
 };
 
@@ -482,19 +403,15 @@ TEST(CommPortsJson, EachNullArgumentIsAPreconditionFailure) {
     };
     for (const auto &[nulls, condition] : cases) {
         SCOPED_TRACE(condition);
-        PreconditionFlags watch;
-        LogCapture log;
+        PreconditionWatch watch;
         Table table;
         EXPECT_EQ(
             0, VESK_Transport_CommPortsHelper_parseJson(nulls[0] == '1' ? nullptr : &table.list,
                                                         nulls[1] == '1' ? nullptr : &table.length,
                                                         nulls[2] == '1' ? nullptr : EXAMPLE));
-        EXPECT_EQ(Lines{message(KEL_LOG_BIT_EXCEPTION, PARSE_JSON, "KEL_LOG_PRECONDITION_FAILURE_s",
-                                {std::string("\"") + condition + "\""})},
-                  describeAll(log));
+        watch.expectOne(PARSE_JSON, condition);
         EXPECT_EQ(g_sentinel, table.list);
         EXPECT_EQ(77, table.length);
-        watch.expectOne();
     }
 }
 
@@ -548,7 +465,10 @@ TEST(CommPortsJson, DocumentsBecomeTablesOrFailWithTheirMessages) {
         SCOPED_TRACE(c.json);
         const KEL_UINT64 blocks = liveHeapBlocks();
         Table table;
-        auto outcome = table.parse(c.json.c_str());
+        LogCapture log;
+        const int result =
+            VESK_Transport_CommPortsHelper_parseJson(&table.list, &table.length, c.json.c_str());
+        Outcome outcome(result, describeAll(log));
         Lines &lines = outcome.second;
         if (lines.size() == 2 && c.outcome.second[1].empty() && lines[1].size() > element.size() &&
             lines[1].rfind(element.substr(0, element.size() - 1), 0) == 0) {
@@ -568,8 +488,7 @@ TEST(CommPortsJson, DocumentsBecomeTablesOrFailWithTheirMessages) {
     }
 }
 
-// Each refused allocation gives 0, leaves the caller's list alone and logs
-// exactly one of its two messages.
+// Each refused allocation: 0, the caller's list untouched, one message.
 TEST(CommPortsJson, EveryAllocationFailureLeavesNothing) {
     const std::string creation = error(PARSE_JSON, "KEL_LOG_CREATION_FAILURE_s", {"commPortsList"});
     const auto sweep = sweepSetup<Table>(
@@ -588,7 +507,7 @@ TEST(CommPortsJson, EveryAllocationFailureLeavesNothing) {
     }
 }
 
-// A good value sets its members (copies of the module's heap); a bad port
+// A good value sets its members (copies on the module's heap); a bad port
 // table fails before "port_offset" is read and leaves no table.
 TEST(WanProperties, ValuesBecomeTheRecordsMembersOrFail) {
     const auto parseFailed = [](const std::string &value) { return parser("comm_ports", value); };
@@ -603,14 +522,9 @@ TEST(WanProperties, ValuesBecomeTheRecordsMembersOrFail) {
         {"public_address", "not an address", out(2), "public_address=\"not an address\""},
         {"wan_listener_ptr", "0", out(2), ""},
         {"comm_ports", "-1", out(-1, portRange("-1")), ""},
-        {"comm_ports", "100000", out(-1, portRange("100000")), ""},
         {"comm_ports",
          "{\"default\": ", out(-1, notJson("{\"default\": "), parseFailed("{\"default\": ")), ""},
         {"comm_ports", "port 7400", out(-1, notJson("port 7400"), parseFailed("port 7400")), ""},
-        {"comm_ports", "{}",
-         out(-1, error(PARSE_JSON, "KEL_LOG_GET_FAILURE_s", {"default comm_ports"}),
-             parseFailed("{}")),
-         ""},
     };
     for (const auto &[suffix, value, outcome, changed] : cases) {
         SCOPED_TRACE(value);

@@ -35,8 +35,7 @@ inline const char *const COMM_PORTS_JSON =
     R"("mappings":[{"rtps":7410,"host":7410,"public":17410},{"rtps":7411,"host":7500}]})";
 
 // A valid value for every suffix any class accepts (empty for an unknown
-// one: ValueTable.CoversEveryAcceptedSuffix then fails, so new rows get a
-// value here).
+// one: PropertyList::addEvery then fails, so new rows get a value here).
 inline std::string valueFor(const std::string &suffix, Class cls) {
     static const std::map<std::string, std::string> common = [] {
         std::map<std::string, std::string> out;

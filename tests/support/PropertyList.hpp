@@ -58,6 +58,7 @@ public:
             }
         }
         for (const std::string &suffix : suffixes) {
+            EXPECT_NE("", valueFor(suffix, cls)) << "no value for " << suffix;
             add(prefix == nullptr ? "" : prefix, suffix, valueFor(suffix, cls));
         }
         return *this;

@@ -1,7 +1,5 @@
-// Checks shared by the tests of the property setups and the factories: log
-// records as one comparable line each, records rendered field by field,
-// records and plugins that release what they hold, the allocation sweep of
-// a setup.
+// Shared by the setup and factory tests: log records as comparable lines,
+// records rendered field by field, and the allocation sweep of a setup.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,8 +20,8 @@
 
 namespace vesk::test {
 
-// "level function TEMPLATE[format](param|param)": a log record as one
-// comparable line; the format part only for _TEMPLATE messages.
+// "level function TEMPLATE[format](param|param)": a log record as one line;
+// the format part only for _TEMPLATE messages.
 inline std::string message(KEL_UINT32 level, const std::string &function,
                            const std::string &template_name, const std::vector<std::string> &params,
                            const std::string &format = "") {
@@ -43,13 +41,23 @@ inline std::string error(const std::string &function, const std::string &templat
                          const std::vector<std::string> &params, const std::string &format = "") {
     return message(KEL_LOG_BIT_ERROR, function, template_name, params, format);
 }
+inline std::string parser(const std::string &function, const std::string &name,
+                          const std::string &value) {
+    return error(function, "KEL_LOG_PARSER_FAILURE_ss", {name, value});
+}
+inline constexpr const char *VALIDATE = "DDS_PropertyQosPolicy_validate_plugin_property_suffixes";
+inline std::string unknown(const std::string &name, KEL_UINT32 level = KEL_LOG_BIT_ERROR) {
+    return message(level, VALIDATE, "KEL_LOG_UNKNOWN_PROPERTY_s", {name});
+}
+inline std::string inconsistent(const std::string &function, const std::string &prefix) {
+    return error(function, "KEL_LOG_INCONSISTENT_PROPERTY_s", {prefix});
+}
 
 inline constexpr const char *PARENT_SETUP = "VESK_Transport_setupParentTransportProperty";
 inline constexpr const char *UDP_SETUP = "VESK_Transport_setupUDPProperty";
 inline constexpr const char *SHMEM_SETUP = "VESK_Transport_setupShmemProperty";
 inline constexpr const char *PARSE_INTERFACE_LIST = "VESK_Transport_Support_parse_interface_list";
 inline constexpr const char *PARSE_JSON = "VESK_Transport_CommPortsHelper_parseJson";
-inline constexpr const char *VALIDATE = "DDS_PropertyQosPolicy_validate_plugin_property_suffixes";
 inline char DEFAULT_THREAD_NAME_PREFIX[] = "rTr#####";
 
 inline std::string renderString(const char *text) {
@@ -252,8 +260,7 @@ Record withDefaultThreadName(Record record) {
     return record;
 }
 
-// A factory's working state: a copy of a default record and cleared flags;
-// the cleanup runs when it goes out of scope.
+// A record with cleared flags, cleaned up at the end.
 struct UdpRecord {
     Udp record;
     VESK_Transport_internalMemoryAllocations allocations{};
@@ -282,18 +289,10 @@ struct PluginDeleter {
 };
 using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
 
-// A plugin's own record: its property member heads the class's record.
-template <typename Record>
-const Record &recordOf(const PluginPtr &plugin) {
-    return *reinterpret_cast<const Record *>(plugin->property);
-}
-
 // The platform's mutexes taken as robust (1) or not (0) while in scope.
 struct ForcedRobustMutex {
     explicit ForcedRobustMutex(int mode) { KELOsapiSharedMemorySemMutex_forceRobustMutex(mode); }
     ~ForcedRobustMutex() { KELOsapiSharedMemorySemMutex_forceRobustMutex(-1); }
-    ForcedRobustMutex(const ForcedRobustMutex &) = delete;
-    ForcedRobustMutex &operator=(const ForcedRobustMutex &) = delete;
 };
 
 // The host's unique id replaced while in scope.
@@ -304,51 +303,45 @@ struct UniqueIdOverride {
         KELOsapiHost_setUniqueIdOverride(&id);
     }
     ~UniqueIdOverride() { KELOsapiHost_setUniqueIdOverride(nullptr); }
-    UniqueIdOverride(const UniqueIdOverride &) = delete;
-    UniqueIdOverride &operator=(const UniqueIdOverride &) = delete;
 };
 
-// Sets the logger's precondition detection while in scope and restores its
-// flags after; expectOne() checks that exactly one precondition fired.
-struct PreconditionFlags {
+// While in scope: the logger's precondition detection armed (or not), and
+// the log captured. expectOne(): exactly one precondition of function
+// failed, naming what inside quotes.
+struct PreconditionWatch {
     int detect = KELLog_g_detectPrecondition;
     int detected = KELLog_g_preconditionDetected;
     int armed;
     KEL_UINT64 breakpoints = KELLog_getAssertBreakpointCount();
-    explicit PreconditionFlags(int arm = 1) : armed(arm) {
+    LogCapture log;
+    explicit PreconditionWatch(int arm = 1) : armed(arm) {
         KELLog_g_detectPrecondition = arm;
         KELLog_g_preconditionDetected = 0;
     }
-    ~PreconditionFlags() {
+    ~PreconditionWatch() {
         KELLog_g_detectPrecondition = detect;
         KELLog_g_preconditionDetected = detected;
     }
-    PreconditionFlags(const PreconditionFlags &) = delete;
-    PreconditionFlags &operator=(const PreconditionFlags &) = delete;
-    void expectOne() const {
+    void expectOne(const char *function, const std::string &what) const {
         EXPECT_EQ(armed, KELLog_g_preconditionDetected);
         EXPECT_EQ(breakpoints + 1, KELLog_getAssertBreakpointCount());
+        const auto entries = log.entries();
+        ASSERT_EQ(1u, entries.size());
+        ASSERT_EQ(1u, entries[0].params.size());
+        const std::string &condition = entries[0].params[0];
+        EXPECT_EQ(
+            message(KEL_LOG_BIT_EXCEPTION, function, "KEL_LOG_PRECONDITION_FAILURE_s", {condition}),
+            describe(entries[0]));
+        EXPECT_TRUE(condition.size() > what.size() + 1 && condition.front() == '"' &&
+                    condition.back() == '"' && condition.find(what) != std::string::npos)
+            << condition;
     }
 };
 
-// One precondition failure of function, naming what (inside quotes).
-inline void expectPrecondition(const LogCapture &log, const char *function, const char *what) {
-    const auto entries = log.entries();
-    ASSERT_EQ(1u, entries.size());
-    EXPECT_EQ(KEL_LOG_BIT_EXCEPTION, entries[0].level);
-    EXPECT_EQ(function, entries[0].function);
-    EXPECT_EQ("KEL_LOG_PRECONDITION_FAILURE_s", entries[0].template_name);
-    ASSERT_EQ(1u, entries[0].params.size());
-    const std::string &condition = entries[0].params[0];
-    EXPECT_TRUE(condition.size() >= 2 && condition.front() == '"' && condition.back() == '"')
-        << condition;
-    EXPECT_NE(std::string::npos, condition.find(what)) << condition;
-}
-
-// A setup's allocation sweep: call(state) runs with each allocation failing
-// in turn, then with none; check(failed, state, result, log lines) after each
-// run; the state's destructor releases what the run left before the leak
-// check. Gives the last log line of every failed run and the count of runs.
+// A setup's allocation sweep: call(state) with each allocation failing in
+// turn, then none; check(failed, state, result, log lines) after each run;
+// the state's destructor releases what the run left before the leak check.
+// Gives the last log line of every failed run and the count of failed runs.
 struct SweepLines {
     std::set<std::string> lastLines;
     long failurePoints = 0;
