@@ -93,7 +93,6 @@ TEST_F(ConfiguratorTest, InstallRefusalsAndOwnership) {
         const char *aliases;  // nullptr: not terminated within its storage
         std::string reason;   // "": installed
     } rows[] = {
-        {3, SPARE, "udp_c", ""},
         {3, SPARE, "", ""},
         {3, SPARE, "bus,a2,usy", ""},  // a prefix or a part of an alias is another alias
         {3, SPARE, "free,busy,a",
