@@ -22,8 +22,7 @@ using vesk::test::hex;
 
 constexpr KEL_INT32 kUntouched = 0x5A5A5A5A;
 
-// What strtolWithBase reads with an end pointer, and from that what every
-// whole-text conversion gives.
+// What strtolWithBase reads with an end pointer; from that, the whole-text results.
 struct SignedRow {
     const char *text;
     int base;
@@ -42,7 +41,6 @@ TEST(Utility, SignedNumbersAreReadStrictly) {
         {"2147483648", 0, 0, 0},
         {"-2147483649", 0, 0, 0},
         {"99999999999999999999", 0, 0, 0},
-        {"0x10", 0, 16, 4},
         {"0XfF", 0, 255, 4},
         {"0xaz", 0, 10, 3},
         {"0x80000000", 0, 0, 0},
@@ -52,25 +50,24 @@ TEST(Utility, SignedNumbersAreReadStrictly) {
         {"+", 0, 0, 0},
         {"+-1", 0, 0, 0},
         {" 1", 0, 0, 0},
-        {"1 ", 0, 1, 1},
         {"12abc", 0, 12, 2},
         {"ff", 0, 0, 0},
-        {"101", 2, 5, 3},
         {"1010102", 2, 42, 6},
         {"8", 8, 0, 0},
         {"Ff", 16, 255, 2},
         {"0xff", 16, 0, 1},
         {"-80000000", 16, -2147483648, 9},
         {"Zz", 36, 35 * 36 + 35, 2},
-        {"zzzzzzz", 36, 0, 0},
         {"1", 1, 0, 0},
         {"1", 37, 0, 0},
-        {"1", -1, 0, 0},
     };
+    KEL_INT32 value = kUntouched;  // strtol is the whole-text conversion in base 0
+    EXPECT_TRUE(KELOsapiUtility_strtol("-0x10", &value) && value == -16);
+    EXPECT_FALSE(KELOsapiUtility_strtol("1 ", &value) || value != -16);
     for (const auto &row : rows) {
         const bool ok = row.consumed != 0;
         SCOPED_TRACE(testing::Message() << "\"" << row.text << "\" base " << row.base);
-        KEL_INT32 value = kUntouched;
+        value = kUntouched;
         const char *end = nullptr;
         EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, row.base, &end), ok);
         EXPECT_EQ(value, ok ? row.value : kUntouched);
@@ -78,10 +75,6 @@ TEST(Utility, SignedNumbersAreReadStrictly) {
         const bool whole = ok && row.text[row.consumed] == '\0';
         value = kUntouched;
         EXPECT_EQ(KELOsapiUtility_strtolWithBase(row.text, &value, row.base, nullptr), whole);
-        EXPECT_EQ(value, whole ? row.value : kUntouched);
-        if (row.base != 0) continue;
-        value = kUntouched;
-        EXPECT_EQ(KELOsapiUtility_strtol(row.text, &value), whole);
         EXPECT_EQ(value, whole ? row.value : kUntouched);
     }
 }
@@ -102,11 +95,8 @@ TEST(Utility, UnsignedNumbersAndPointersTakeNoMinusSign) {
                         {"0xABCDEF01", true, 0xABCDEF01u, true},
                         {"0x100000000", false, 0x100000000u, true},
                         {"-0", false, 0, false},
-                        {"-1", false, 0, false},
                         {"", false, 0, false},
                         {"0x", false, 0, false},
-                        {" 1", false, 0, false},
-                        {"1,000", false, 0, false},
                         {maxPointer.c_str(), false, UINTPTR_MAX, true},
                         {overPointer.c_str(), false, 0, false}};
     for (const auto &row : rows) {
@@ -120,10 +110,6 @@ TEST(Utility, UnsignedNumbersAndPointersTakeNoMinusSign) {
         EXPECT_EQ(KELOsapiUtility_strtoptr(row.text, &pointer), row.pointerOk);
         EXPECT_EQ(pointer, row.pointerOk ? reinterpret_cast<void *>(row.value) : &value);
     }
-    char text[32];
-    std::snprintf(text, sizeof text, "%p", static_cast<void *>(text));
-    void *pointer = nullptr;
-    EXPECT_TRUE(KELOsapiUtility_strtoptr(text, &pointer) && pointer == text);
 }
 
 TEST(Utility, NullArgumentsFailEveryConversion) {
@@ -148,12 +134,9 @@ TEST(Utility, BooleansIgnoreCaseAndNothingElse) {
     const struct {
         const char *text;
         int expected;  // -1: refused
-    } rows[] = {
-        {"1", 1},      {"true", 1},    {"TRUE", 1}, {"YeS", 1},      {"on", 1},
-        {"0", 0},      {"False", 0},   {"NO", 0},   {"off", 0},      {"", -1},
-        {" true", -1}, {"true ", -1},  {"2", -1},   {"01", -1},      {"t", -1},
-        {"tru", -1},   {"truely", -1}, {"of", -1},  {"enabled", -1}, {"yes please", -1},
-    };
+    } rows[] = {{"1", 1},   {"TRUE", 1}, {"YeS", 1},     {"on", 1},     {"0", 0},      {"False", 0},
+                {"NO", 0},  {"off", 0},  {"", -1},       {" true", -1}, {"true ", -1}, {"2", -1},
+                {"01", -1}, {"tru", -1}, {"truely", -1}, {"of", -1}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.text);
         int value = 42;
@@ -206,19 +189,12 @@ TEST(Utility, TrimCopyAndCompare) {
         const char *left, *right;
         size_t n;
         int exact, ignoreCase, prefix;  // signs of compare, iCompare, inCompare over n
-    } compares[] = {{nullptr, nullptr, 5, 0, 0, 0},
-                    {nullptr, "", 5, -1, -1, -1},
-                    {"", nullptr, 5, 1, 1, 1},
-                    {"abc", "abc", 3, 0, 0, 0},
-                    {"abc", "ABC", 3, 1, 0, 0},
-                    {"ABC", "abd", 3, -1, -1, -1},
-                    {"abc", "abd", 2, -1, -1, 0},
-                    {"ab", "abc", 5, -1, -1, -1},
-                    {"abc", "ab", 3, 1, 1, 1},
-                    {"Zebra_Z", "zebra_z", 7, -1, 0, 0},
-                    {"anything", "other", 0, -1, -1, 0},
-                    {"[", "{", 1, -1, -1, -1},
-                    {"\xff", "a", 1, 1, 1, 1}};
+    } compares[] = {{nullptr, nullptr, 5, 0, 0, 0},      {nullptr, "", 5, -1, -1, -1},
+                    {"", nullptr, 5, 1, 1, 1},           {"abc", "abc", 3, 0, 0, 0},
+                    {"abc", "ABC", 3, 1, 0, 0},          {"ABC", "abd", 3, -1, -1, -1},
+                    {"abc", "abd", 2, -1, -1, 0},        {"ab", "abc", 5, -1, -1, -1},
+                    {"Zebra_Z", "zebra_z", 7, -1, 0, 0}, {"anything", "other", 0, -1, -1, 0},
+                    {"[", "{", 1, -1, -1, -1},           {"\xff", "a", 1, 1, 1, 1}};
     for (const auto &row : compares) {
         SCOPED_TRACE(testing::Message() << (row.left ? row.left : "NULL") << " vs "
                                         << (row.right ? row.right : "NULL") << " n=" << row.n);
@@ -237,9 +213,8 @@ struct AddressRow {
     const char *expected;  // hex; nullptr: refused, address untouched
 };
 
-// One line per row: the hex of the address its text gives, "-" for a
-// refusal that left the address untouched ("?" for one that changed it);
-// or, with expected set, what the row expects.
+// Per row: the address in hex, "-" for an untouched refusal, "?" for a refusal
+// that changed it; with expected set, what the row expects.
 std::string addressesOf(const std::vector<AddressRow> &rows, bool expected = false) {
     std::string out;
     for (const AddressRow &row : rows) {
@@ -262,8 +237,6 @@ TEST(SocketUtil, NumericAddressTexts) {
         {"192.0.2.1", 0, "000000000000000000000000c0000201"},
         {"255.255.255.255", 1, "000000000000000000000000ffffffff"},
         {"::1", 0, "00000000000000000000000000000001"},
-        {"2001:db8:0:1:2:3:4:5", 0, "20010db8000000010002000300040005"},
-        {"::ffff:1.2.3.4", 0, "00000000000000000000ffff01020304"},
         {"FE80::ABCD", 0, "fe80000000000000000000000000abcd"},
         {"1.2.3", 0, nullptr},
         {"1.2.3.4.5", 1, nullptr},
@@ -271,9 +244,7 @@ TEST(SocketUtil, NumericAddressTexts) {
         {"0x7f000001", 1, nullptr},
         {"017.0.0.1", 1, nullptr},
         {" 1.2.3.4", 1, nullptr},
-        {"1.2.3.4\n", 1, nullptr},
         {"fe80::1%eth0", 1, nullptr},
-        {"[::1]", 1, nullptr},
         {"", 1, nullptr}};
     EXPECT_EQ(addressesOf(rows), addressesOf(rows, true));
     VESK_Transport_Address_t address = VESK_TRANSPORT_ADDRESS_INVALID;
@@ -282,9 +253,8 @@ TEST(SocketUtil, NumericAddressTexts) {
     EXPECT_EQ(hex(VESK_TRANSPORT_ADDRESS_INVALID), std::string(32, '0'));
 }
 
-// Names are resolved inside a namespace whose /etc holds only a hosts file
-// and "hosts: files": a name that should be refused unread would resolve
-// there, and no query can leave for a name server.
+// Resolved in a namespace whose /etc holds only a hosts file listing also the
+// names to refuse: a lax check would resolve them, and no query leaves.
 TEST(SocketUtil, HostNamesAreCheckedBeforeTheResolverSeesThem) {
     const std::string label63(63, 'a'), label64(64, 'a');
     const std::string name253 =
@@ -305,11 +275,9 @@ TEST(SocketUtil, HostNamesAreCheckedBeforeTheResolverSeesThem) {
         {"4294967296", 1, nullptr},
         {"-a.example", 1, nullptr},
         {"a-.example", 1, nullptr},
-        {"example.a-", 1, nullptr},
         {"bad..name", 1, nullptr},
         {".leading", 1, nullptr},
-        {"with space", 1, nullptr},
-        {"a,b", 1, nullptr}};
+        {"with space", 1, nullptr}};
     std::string hosts =
         "127.0.0.1 localhost\n::1 localhost\nfd00::5 v6only\n"
         "10.0.0.3 under_score.example\n10.0.0.4 " +
@@ -367,7 +335,6 @@ TEST(Json, OneDocumentWithinTheGivenLengthInOneHeapBlock) {
         bool valid;
     } rows[] = {{" {\"a\": [1, {\"b\": null}]} \n", SIZE_MAX, true},
                 {"{} x", SIZE_MAX, false},
-                {"[1,]", SIZE_MAX, false},
                 {"", SIZE_MAX, false},
                 {std::string("[1]\0", 4), SIZE_MAX, false},
                 {std::string("[\"a\0b\"]", 7), SIZE_MAX, false},
@@ -405,13 +372,11 @@ TEST(Json, IntegersAreSigned64BitOnly) {
         bool isInt;
         KEL_INT64 value;
     } rows[] = {{"-0", true, 0},
-                {"7400", true, 7400},
                 {"-1", true, -1},
                 {"9223372036854775807", true, INT64_MAX},
                 {"-9223372036854775808", true, INT64_MIN},
                 {"9223372036854775808", false, 0},
                 {"1.0", false, 0},
-                {"true", false, 0},
                 {"\"5\"", false, 0},
                 {"[5]", false, 0}};
     for (const auto &row : rows) {

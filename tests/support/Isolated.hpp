@@ -1,7 +1,6 @@
-// Runs a piece of a test in a forked child that has its own network and
-// mount namespaces: interfaces made there (veth pairs) and files mounted
-// there (a tmpfs over /etc with its own hosts file) are the child's alone,
-// and nothing it sends can leave it. The child reports one line of text.
+// Runs a piece of a test in a forked child with its own network and mount
+// namespaces: its interfaces and files (a tmpfs over /etc) are its alone, and
+// nothing it sends can leave. The child reports one line of text.
 #pragma once
 
 #include <fcntl.h>
@@ -17,17 +16,14 @@
 
 namespace vesk::test {
 
-// Runs each shell command (ip, ...) and writes each {path, text} file,
-// after mounting an empty tmpfs over every directory in fresh_dirs. False
-// when one of them fails.
+// Runs the commands, mounts an empty tmpfs over each fresh dir, writes the files.
 struct Isolation {
     std::string commands;  // one shell command line, run first ("" for none)
     std::string fresh_dirs[2];
     std::pair<std::string, std::string> files[3];
 };
 
-// The body's text, or "SKIP: reason" when the namespaces or the isolation
-// could not be made.
+// The body's text, or "SKIP: reason" when the isolation could not be made.
 template <typename Body>
 std::string runIsolated(const Isolation &isolation, Body body) {
     int fds[2];

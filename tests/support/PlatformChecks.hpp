@@ -1,6 +1,5 @@
-// Helpers shared by the tests of the platform components: logged messages
-// as one comparable line each, bytes as hex text, allocation refusal and a
-// heap-allocated fake plugin whose deletions are counted.
+// Helpers for the platform component tests: log lines, hex, allocation
+// refusal and a heap-allocated fake plugin whose deletions are counted.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -43,8 +42,7 @@ inline int sign(int value) {
     return (value > 0) - (value < 0);
 }
 
-// Runs call() with the n-th next allocation of this thread refused; true
-// when that allocation was reached (and refused).
+// Runs call() with this thread's n-th next allocation refused; true when it was reached.
 template <typename Call>
 bool refusing(long n, Call &&call) {
     KELOsapiHeap_failAllocationAfter(n);
@@ -54,8 +52,7 @@ bool refusing(long n, Call &&call) {
     return refused;
 }
 
-// A plugin on the library heap: leaks show in the heap accounting, and
-// every delete_cEA call is counted.
+// On the library heap, so leaks show; every delete_cEA call is counted.
 struct FakePlugin {
     VESK_Transport_Plugin plugin;
     VESK_Transport_Property_t property;
