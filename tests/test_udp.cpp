@@ -22,6 +22,7 @@ using vesk::test::LogCapture;
 using vesk::test::receiveInterfaces;
 using PluginPtr = vesk::test::PluginHandle;
 using Record = VESK_Transport_UDP_Property_t;
+using R = Record;
 
 enum Kind { V4, WAN, V6 };
 
@@ -96,30 +97,8 @@ const char *const kOwned =
     "203.0.113.5 ports 2: 7400/7400/17400/1 7410/7411/17411/0 allow lo eth0* wan01";
 const char *const kOwnsNothing = "- ports 0: allow - -";
 
-TEST(UdpPropertyCopy, DeepCopiesAndFinalizes) {
-    WanSource source;
-    const KEL_UINT64 before = vesk::test::liveHeapBlocks();
-    Record copy{};
-    ASSERT_EQ(VESK_Transport_UDP_Property_copy(&copy, &source.record), 1);
-    EXPECT_EQ(vesk::test::liveHeapBlocks(),
-              before + 6);                   // allow list (array + 2), prefix, address, ports
-    std::strcpy(source.address, "garbage");  // nothing shared with the source
-    source.ports[0].rtps_port = 1;
-    std::strcpy(source.lo, "xx");
-    EXPECT_EQ(owned(copy), kOwned);
-    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(copy.comm_ports_list),
-                 "struct VESK_Transport_UDP_WAN_CommPortsMappingInfo");
-    EXPECT_EQ(copy.wan_listener, &source.listener);  // borrowed, not copied
-    VESK_Transport_UDP_Property_finalize(&copy);
-    EXPECT_EQ(owned(copy), kOwnsNothing);
-    VESK_Transport_UDP_Property_finalize(nullptr);
-    source.record.comm_ports_list = nullptr;  // with a positive length: refused
-    EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, &source.record), 0);
-    EXPECT_EQ(owned(copy), kOwnsNothing);
-    EXPECT_EQ(VESK_Transport_UDP_Property_copy(nullptr, &source.record), 0);
-    EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, nullptr), 0);
-}
-
+// Each allocation of a deep copy fails in turn; the copy that succeeds owns
+// its members, borrows the listener, and its finalize leaves nothing.
 TEST(UdpPropertyCopy, EveryAllocationFailureLeavesNothing) {
     WanSource source;
     struct Outcome {
@@ -132,12 +111,26 @@ TEST(UdpPropertyCopy, EveryAllocationFailureLeavesNothing) {
             o.result = VESK_Transport_UDP_Property_copy(&o.copy, &source.record);
             return o;
         },
-        [](const vesk::test::SweepStep &step, Outcome &o) {
+        [&](const vesk::test::SweepStep &step, Outcome &o) {
             EXPECT_EQ(o.result, step.failed ? 0 : 1);
             EXPECT_EQ(owned(o.copy), step.failed ? kOwnsNothing : kOwned);
+            if (step.failed) return;
+            EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(o.copy.comm_ports_list),
+                         "struct VESK_Transport_UDP_WAN_CommPortsMappingInfo");
+            EXPECT_NE(o.copy.public_address, source.address);
+            EXPECT_EQ(o.copy.wan_listener, &source.listener);
+            VESK_Transport_UDP_Property_finalize(&o.copy);
+            EXPECT_EQ(owned(o.copy), kOwnsNothing);
         },
         [](Outcome &o) { VESK_Transport_UDP_Property_finalize(&o.copy); });
-    EXPECT_EQ(summary.failurePoints, 6);
+    EXPECT_EQ(summary.failurePoints, 6);  // allow list (array + 2), prefix, address, ports
+    VESK_Transport_UDP_Property_finalize(nullptr);
+    Record copy{};
+    source.record.comm_ports_list = nullptr;  // with a positive length: refused
+    EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, &source.record), 0);
+    EXPECT_EQ(owned(copy), kOwnsNothing);
+    EXPECT_EQ(VESK_Transport_UDP_Property_copy(nullptr, &source.record), 0);
+    EXPECT_EQ(VESK_Transport_UDP_Property_copy(&copy, nullptr), 0);
 }
 
 // ---------------------------------------------------------------------
@@ -167,77 +160,103 @@ TEST(UdpConstructor, EachClassBuildsFromItsDefaultsAndKeepsItsOwnRecord) {
               "203.0.113.5 ports 2: 7400/7400/17400/0 7410/7411/17411/0 allow lo eth0* wan01");
 }
 
-using Change = std::function<void(Record &)>;
+using P = VESK_Transport_Property_t;
 
-TEST(UdpConstructor, RefusesRecordsItCannotRunWith) {
+// One field of a UDP record or of its generic part, set to a value.
+struct Set {
+    Set(KEL_INT32 Record::*f, KEL_INT32 v) : field(f), value(v) {}
+    Set(KEL_INT32 P::*f, KEL_INT32 v) : parent(f), value(v) {}
+    void apply(Record &r) const { (field != nullptr ? r.*field : r.parent.*parent) = value; }
+    KEL_INT32 Record::*field = nullptr;
+    KEL_INT32 P::*parent = nullptr;
+    KEL_INT32 value;
+};
+
+// Each rule refuses past its limit (with one logged error, the address out
+// untouched) and accepts at it (nothing logged).
+TEST(UdpConstructor, RefusesRecordsItCannotRunWithAndAcceptsTheLimits) {
     struct Row {
         Kind kind;
-        Change change;
-        const char *message;  // after "<class> transport: "
+        std::vector<Set> sets;
+        const char *refusal;  // after "<class> transport: ", or nullptr: accepted
+        const char *prefix = nullptr;
     };
-    char *noList = nullptr;
-    char longPrefix[] = "nine_char";
-    const std::vector<Row> rows = {
-        {V4, [](Record &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6; },
-         "parent.classid is not 1 (UDPv4)"},
-        {WAN, [](Record &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
-         "parent.classid is not 0x01000001 (UDPv4_WAN)"},
-        {V6, [](Record &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
-         "parent.classid is not 2 or 5 (UDPv6)"},
-        {V4, [](Record &p) { p.parent.message_size_max = 0; },
-         "parent.message_size_max is below 1"},
-        {V4, [](Record &p) { p.parent.gather_send_buffer_count_max = 0; },
+    const Row rows[] = {
+        {V4, {{&P::classid, VESK_TRANSPORT_CLASSID_UDPv6}}, "parent.classid is not 1 (UDPv4)"},
+        {WAN, {{&P::classid, 1}}, "parent.classid is not 0x01000001 (UDPv4_WAN)"},
+        {V6, {{&P::classid, 1}}, "parent.classid is not 2 or 5 (UDPv6)"},
+        {V6, {{&P::classid, VESK_TRANSPORT_CLASSID_UDPv6_510}}, nullptr},
+        {V4, {{&P::message_size_max, 0}}, "parent.message_size_max is below 1"},
+        {V4,
+         {{&P::gather_send_buffer_count_max, 0}},
          "parent.gather_send_buffer_count_max is below 1"},
-        {V4, [](Record &p) { p.parent.allow_interfaces_list_length = -1; },
+        {V4, {{&P::message_size_max, 1}, {&P::gather_send_buffer_count_max, 1}}, nullptr},
+        {V4,
+         {{&P::allow_interfaces_list_length, -1}},
          "parent.allow_interfaces_list_length is negative"},
-        {V4, [](Record &p) { p.parent.deny_interfaces_list_length = 1; },
+        {V4,
+         {{&P::deny_interfaces_list_length, 1}},
          "parent.deny_interfaces_list is NULL with a positive length"},
         {V6,
-         [&](Record &p) {
-             p.parent.allow_multicast_interfaces_list = &noList;
-             p.parent.allow_multicast_interfaces_list_length = -3;
-         },
+         {{&P::allow_multicast_interfaces_list_length, -3}},
          "parent.allow_multicast_interfaces_list_length is negative"},
-        {V4, [](Record &p) { p.parent.deny_multicast_interfaces_list_length = 2; },
-         "parent.deny_multicast_interfaces_list is NULL with a positive length"},
-        {V4, [&](Record &p) { p.parent.thread_name_prefix = longPrefix; },
-         "parent.thread_name_prefix is longer than 8 characters"},
-        {V4, [](Record &p) { p.protocol_overhead_max = -1; }, "protocol_overhead_max is negative"},
-        {V4, [](Record &p) { p.parent.message_size_max = 65508; },
-         "parent.message_size_max + protocol_overhead_max exceeds 65535"},
-        {V6, [](Record &p) { p.protocol_overhead_max = 49; },
-         "parent.message_size_max + protocol_overhead_max exceeds 65535"},
-        {V4, [](Record &p) { p.parent.address_bit_count = -96; },
-         "parent.address_bit_count is outside 0..128"},
-        {V6, [](Record &p) { p.parent.address_bit_count = 129; },
-         "parent.address_bit_count is outside 0..128"},
-        {V4, [](Record &p) { p.send_socket_buffer_size = -3; },
-         "send_socket_buffer_size is below -2"},
-        {WAN, [](Record &p) { p.recv_socket_buffer_size = -3; },
-         "recv_socket_buffer_size is below -2"},
-        {V4, [](Record &p) { p.multicast_ttl = 256; }, "multicast_ttl is outside 0..255"},
-        {V4, [](Record &p) { p.multicast_ttl = -1; }, "multicast_ttl is outside 0..255"},
         {V4,
-         [](Record &p) {
-             p.transport_priority_mapping_low = 10;
-             p.transport_priority_mapping_high = 9;
-         },
+         {{&P::deny_multicast_interfaces_list_length, 2}},
+         "parent.deny_multicast_interfaces_list is NULL with a positive length"},
+        {V4, {}, "parent.thread_name_prefix is longer than 8 characters", "nine_char"},
+        {V4, {}, nullptr, "12345678"},
+        {V4, {{&R::protocol_overhead_max, -1}}, "protocol_overhead_max is negative"},
+        {V4,
+         {{&P::message_size_max, 65508}},
+         "parent.message_size_max + protocol_overhead_max exceeds 65535"},
+        {V6,
+         {{&R::protocol_overhead_max, 49}},
+         "parent.message_size_max + protocol_overhead_max exceeds 65535"},
+        {V4, {{&P::message_size_max, 65507}}, nullptr},
+        {V4, {{&P::message_size_max, 65535}, {&R::protocol_overhead_max, 0}}, nullptr},
+        {V4, {{&P::address_bit_count, -96}}, "parent.address_bit_count is outside 0..128"},
+        {V6, {{&P::address_bit_count, 129}}, "parent.address_bit_count is outside 0..128"},
+        {V4, {{&P::address_bit_count, 0}}, nullptr},
+        {V4, {{&R::send_socket_buffer_size, -3}}, "send_socket_buffer_size is below -2"},
+        {WAN, {{&R::recv_socket_buffer_size, -3}}, "recv_socket_buffer_size is below -2"},
+        {V4, {{&R::send_socket_buffer_size, -2}, {&R::recv_socket_buffer_size, -2}}, nullptr},
+        {V4, {{&R::multicast_ttl, 256}}, "multicast_ttl is outside 0..255"},
+        {V4, {{&R::multicast_ttl, -1}}, "multicast_ttl is outside 0..255"},
+        {V4, {{&R::multicast_ttl, 0}}, nullptr},
+        {V4, {{&R::multicast_ttl, 255}}, nullptr},
+        {V4,
+         {{&R::transport_priority_mapping_low, 10}, {&R::transport_priority_mapping_high, 9}},
          "transport_priority_mapping_low is above transport_priority_mapping_high"},
-        {WAN, [](Record &p) { p.comm_ports_list_length = -1; },
-         "comm_ports_list_length is negative"},
-        {WAN, [](Record &p) { p.comm_ports_list_length = 1; },
-         "comm_ports_list is NULL with a positive length"},
-        {WAN, [](Record &p) { p.port_offset = -1; }, "port_offset is negative"},
+        {V4,
+         {{&R::transport_priority_mapping_low, 7}, {&R::transport_priority_mapping_high, 7}},
+         nullptr},
+        {WAN, {{&R::comm_ports_list_length, -1}}, "comm_ports_list_length is negative"},
+        {WAN, {{&R::comm_ports_list_length, 1}}, "comm_ports_list is NULL with a positive length"},
+        {WAN, {{&R::port_offset, -1}}, "port_offset is negative"},
+        {WAN, {{&R::port_offset, 0}}, nullptr},
+        {V4, {{&R::port_offset, -1}}, nullptr},  // checked for WAN only
     };
+    char *noList = nullptr;
     for (const Row &row : rows) {
         const ClassRow &c = kClasses[row.kind];
-        const std::string message = std::string(c.name) + " transport: " + row.message;
-        SCOPED_TRACE(message);
+        const std::string message =
+            std::string(c.name) + " transport: " + (row.refusal ? row.refusal : "");
+        SCOPED_TRACE(message + (row.prefix ? row.prefix : ""));
         Record record = *c.defaults;
-        row.change(record);
+        for (const Set &set : row.sets) set.apply(record);
+        record.parent.thread_name_prefix = const_cast<char *>(row.prefix);
+        // A list is there: a negative length alone is the fault.
+        if (record.parent.allow_multicast_interfaces_list_length < 0) {
+            record.parent.allow_multicast_interfaces_list = &noList;
+        }
         LogCapture log;
         VESK_Transport_Address_t address = ipv4(1, 2, 3, 4);
-        EXPECT_EQ(c.create(&record, &address, nullptr), nullptr);
+        PluginPtr plugin(c.create(&record, &address, nullptr));
+        EXPECT_EQ(plugin == nullptr, row.refusal != nullptr);
+        if (row.refusal == nullptr) {
+            EXPECT_TRUE(log.entries().empty());
+            continue;
+        }
         EXPECT_EQ(text(address), "::1.2.3.4");  // untouched on refusal
         const auto entries = log.entries();
         ASSERT_EQ(entries.size(), 1u);
@@ -256,36 +275,6 @@ TEST(UdpConstructor, RefusesRecordsItCannotRunWith) {
     LogCapture silent(VESK_CONFIG_LOG_VERBOSITY_SILENT);  // refusals stay quiet when asked
     EXPECT_EQ(VESK_Transport_UDPv4_newI(nullptr, nullptr, nullptr), nullptr);
     EXPECT_TRUE(silent.entries().empty());
-}
-
-TEST(UdpConstructor, AcceptsTheLimitsOfEachRule) {
-    char eightChars[] = "12345678";
-    const std::vector<std::pair<Kind, Change>> rows = {
-        {V4, [](Record &p) { p.parent.message_size_max = 65507; }},
-        {V4, [](Record &p) { p.protocol_overhead_max = 0, p.parent.message_size_max = 65535; }},
-        {V4,
-         [](Record &p) { p.parent.message_size_max = p.parent.gather_send_buffer_count_max = 1; }},
-        {V4, [](Record &p) { p.send_socket_buffer_size = p.recv_socket_buffer_size = -2; }},
-        {V4, [](Record &p) { p.multicast_ttl = 0; }},
-        {V4, [](Record &p) { p.multicast_ttl = 255; }},
-        {V4, [](Record &p) { p.parent.address_bit_count = 0; }},
-        {V4,
-         [](Record &p) {
-             p.transport_priority_mapping_low = p.transport_priority_mapping_high = 7;
-         }},
-        {V4, [&](Record &p) { p.parent.thread_name_prefix = eightChars; }},
-        {V6, [](Record &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv6_510; }},
-        {WAN, [](Record &p) { p.port_offset = 0; }},
-        {V4, [](Record &p) { p.port_offset = -1; }},  // checked for WAN only
-    };
-    for (size_t i = 0; i < rows.size(); ++i) {
-        SCOPED_TRACE("row " + std::to_string(i));
-        Record record = *kClasses[rows[i].first].defaults;
-        rows[i].second(record);
-        LogCapture log;
-        EXPECT_NE(make(rows[i].first, record), nullptr);
-        EXPECT_TRUE(log.entries().empty());
-    }
 }
 
 // ---------------------------------------------------------------------
@@ -398,40 +387,35 @@ TEST(UdpInterfaces, LoopbackForcedStatusAndFakeAddress) {
     PluginPtr plugin = loopbackPlugin();
     ASSERT_NE(plugin, nullptr);
     VESK_Transport_Plugin *self = plugin.get();
-    const VESK_Transport_Address_t fake = ipv4(198, 51, 100, 7);
-    struct Step {
-        std::function<int()> act;
-        int result;
-        const char *state;
-    };
-    const Step steps[] = {
-        {[] { return 1; }, 1, "lo ::127.0.0.1 10 | 127.0.0.1 up; | 0 ::9.9.9.9"},
-        {[&] { return VESK_Transport_UDP_change_interface_status(self, "eth-none", 0); }, 0,
-         "lo ::127.0.0.1 10 | 127.0.0.1 up; | 0 ::9.9.9.9"},
-        {[&] { return VESK_Transport_UDP_change_interface_status(self, nullptr, 0); }, 0,
-         "lo ::127.0.0.1 10 | 127.0.0.1 up; | 0 ::9.9.9.9"},
-        {[&] { return VESK_Transport_UDP_change_interface_status(self, "lo", 0); }, 1,
-         "lo ::127.0.0.1 01 | 127.0.0.1 down; | 0 ::9.9.9.9"},
-        {[&] { return VESK_Transport_UDP_change_interface_status(self, "lo", 2); }, 1,
-         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},  // non-zero is up
-        {[&] { return VESK_Transport_UDP_assert_fake_ip_address(self, nullptr); }, 0,
-         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},
-        {[&] { return VESK_Transport_UDP_assert_fake_ip_address(self, &fake); }, 1,
-         "lo ::127.0.0.1 11 | 198.51.100.7 up; | 1 ::198.51.100.7"},
-        {[&] { return VESK_Transport_UDP_remove_fake_ip_address(self); }, 1,
-         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},
-        {[&] { return VESK_Transport_UDP_remove_fake_ip_address(self); }, 1,
-         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},  // nothing left: still fine
-    };
-    for (const Step &step : steps) {
-        EXPECT_EQ(step.act(), step.result);
-        EXPECT_EQ(interfaceState(self), step.state);
-    }
-    EXPECT_EQ(receiveInterfaces(self, 0), "more");  // no room
     int more = 0, reported = 0;
     VESK_Transport_Interface_t array[1]{};
-    EXPECT_EQ(self->get_receive_interfaces_cEA(self, nullptr, &reported, array, 1), 0);
-    EXPECT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, nullptr, 1), 0);
+    const std::vector<int> refused = {
+        VESK_Transport_UDP_change_interface_status(self, "eth-none", 0),
+        VESK_Transport_UDP_change_interface_status(self, nullptr, 0),
+        VESK_Transport_UDP_assert_fake_ip_address(self, nullptr),
+        self->get_receive_interfaces_cEA(self, nullptr, &reported, array, 1),
+        self->get_receive_interfaces_cEA(self, &more, &reported, nullptr, 1),
+    };
+    EXPECT_EQ(refused, std::vector<int>(5, 0));
+    EXPECT_EQ(receiveInterfaces(self, 0), "more");  // no room
+    const VESK_Transport_Address_t fake = ipv4(198, 51, 100, 7);
+    const std::pair<std::function<int()>, const char *> steps[] = {
+        {[] { return 1; }, "lo ::127.0.0.1 10 | 127.0.0.1 up; | 0 ::9.9.9.9"},
+        {[&] { return VESK_Transport_UDP_change_interface_status(self, "lo", 0); },
+         "lo ::127.0.0.1 01 | 127.0.0.1 down; | 0 ::9.9.9.9"},
+        {[&] { return VESK_Transport_UDP_change_interface_status(self, "lo", 2); },
+         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},  // non-zero is up
+        {[&] { return VESK_Transport_UDP_assert_fake_ip_address(self, &fake); },
+         "lo ::127.0.0.1 11 | 198.51.100.7 up; | 1 ::198.51.100.7"},
+        {[&] { return VESK_Transport_UDP_remove_fake_ip_address(self); },
+         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},
+        {[&] { return VESK_Transport_UDP_remove_fake_ip_address(self); },
+         "lo ::127.0.0.1 11 | 127.0.0.1 up; | 0 ::9.9.9.9"},  // nothing left: still fine
+    };
+    for (const auto &[act, state] : steps) {
+        EXPECT_EQ(act(), 1);
+        EXPECT_EQ(interfaceState(self), state);
+    }
 }
 
 // ---------------------------------------------------------------------
@@ -440,80 +424,67 @@ TEST(UdpInterfaces, LoopbackForcedStatusAndFakeAddress) {
 using S = VESK_Transport_UDP_Statistics;
 using Field = KEL_UINT64 S::*;
 
+// Counted twice (1 and 2 packets of as many bytes): the fields of each
+// kind and direction hold 3, every other field 0.
 TEST(UdpStatistics, EachKindCountsIntoItsFields) {
-    struct Row {
-        VESK_Transport_UDP_TrafficKind kind;
-        VESK_Transport_UDP_TrafficDirection direction;
-        std::vector<Field> bytes, packets;  // counted 300 bytes, 3 packets
-    };
     const auto sent = VESK_TRANSPORT_UDP_TRAFFIC_SENT;
     const auto received = VESK_TRANSPORT_UDP_TRAFFIC_RECEIVED;
-    const Row rows[] = {
-        {VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
-         sent,
-         {&S::user_bytes_sent},
-         {&S::user_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
-         received,
-         {&S::user_bytes_received},
-         {&S::user_packets_received}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_DISCOVERY,
-         sent,
-         {&S::discovery_bytes_sent},
-         {&S::discovery_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_PARTICIPANT_DISCOVERY,
-         received,
-         {&S::participant_discovery_bytes_received},
-         {&S::participant_discovery_packets_received}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_PARTICIPANT_CONFIG,
-         sent,
-         {&S::participant_config_bytes_sent},
-         {&S::participant_config_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
-         sent,
-         {&S::automatic_liveliness_bytes_sent, &S::_liveliness_bytes_sent},
-         {&S::automatic_liveliness_packets_sent, &S::_liveliness_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
-         received,
-         {&S::automatic_liveliness_bytes_received, &S::_liveliness_bytes_received},
-         {&S::automatic_liveliness_packets_received, &S::_liveliness_packets_received}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_MANUAL_LIVELINESS,
-         received,
-         {&S::manual_liveliness_bytes_received},
-         {&S::manual_liveliness_packets_received}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_SECURE_LIVELINESS,
-         sent,
-         {&S::_liveliness_bytes_sent},
-         {&S::_liveliness_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_ENDPOINT_DISCOVERY,
-         sent,
-         {&S::endpoint_discovery_bytes_sent},
-         {&S::endpoint_discovery_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_OVERHEAD,
-         received,
-         {&S::overhead_bytes_received},
-         {&S::overhead_packets_received}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_BINDING_PING,
-         sent,
-         {&S::binding_ping_bytes_sent},
-         {&S::binding_ping_packets_sent}},
-        {VESK_TRANSPORT_UDP_TRAFFIC_BINDING_PING,
-         received,
-         {&S::binding_ping_bytes_received},
-         {&S::binding_ping_packets_received}},
-    };
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        SCOPED_TRACE("row " + std::to_string(i));
+    const std::tuple<VESK_Transport_UDP_TrafficKind, VESK_Transport_UDP_TrafficDirection,
+                     std::vector<Field>>
+        rows[] = {
+            {VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+             sent,
+             {&S::user_bytes_sent, &S::user_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA,
+             received,
+             {&S::user_bytes_received, &S::user_packets_received}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_DISCOVERY,
+             sent,
+             {&S::discovery_bytes_sent, &S::discovery_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_PARTICIPANT_DISCOVERY,
+             received,
+             {&S::participant_discovery_bytes_received,
+              &S::participant_discovery_packets_received}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_PARTICIPANT_CONFIG,
+             sent,
+             {&S::participant_config_bytes_sent, &S::participant_config_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
+             sent,
+             {&S::automatic_liveliness_bytes_sent, &S::_liveliness_bytes_sent,
+              &S::automatic_liveliness_packets_sent, &S::_liveliness_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_AUTOMATIC_LIVELINESS,
+             received,
+             {&S::automatic_liveliness_bytes_received, &S::_liveliness_bytes_received,
+              &S::automatic_liveliness_packets_received, &S::_liveliness_packets_received}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_MANUAL_LIVELINESS,
+             received,
+             {&S::manual_liveliness_bytes_received, &S::manual_liveliness_packets_received}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_SECURE_LIVELINESS,
+             sent,
+             {&S::_liveliness_bytes_sent, &S::_liveliness_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_ENDPOINT_DISCOVERY,
+             sent,
+             {&S::endpoint_discovery_bytes_sent, &S::endpoint_discovery_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_OVERHEAD,
+             received,
+             {&S::overhead_bytes_received, &S::overhead_packets_received}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_BINDING_PING,
+             sent,
+             {&S::binding_ping_bytes_sent, &S::binding_ping_packets_sent}},
+            {VESK_TRANSPORT_UDP_TRAFFIC_BINDING_PING,
+             received,
+             {&S::binding_ping_bytes_received, &S::binding_ping_packets_received}},
+        };
+    for (const auto &[kind, direction, fields] : rows) {
+        SCOPED_TRACE(std::to_string(kind) + (direction == sent ? " sent" : " received"));
         PluginPtr plugin = make(WAN);
         ASSERT_NE(plugin, nullptr);
-        for (const KEL_UINT64 packets : {1, 2}) {
-            EXPECT_EQ(VESK_Transport_UDP_count_traffic(plugin.get(), rows[i].kind,
-                                                       rows[i].direction, packets, 100 * packets),
+        for (const KEL_UINT64 count : {1, 2}) {
+            EXPECT_EQ(VESK_Transport_UDP_count_traffic(plugin.get(), kind, direction, count, count),
                       1);
         }
         S expected{}, got;
-        for (Field field : rows[i].bytes) expected.*field = 300;
-        for (Field field : rows[i].packets) expected.*field = 3;
+        for (Field field : fields) expected.*field = 3;
         std::memset(&got, 0xEE, sizeof got);
         ASSERT_EQ(VESK_Transport_UDP_get_statistics(plugin.get(), &got), 1);
         EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0);
@@ -527,6 +498,7 @@ TEST(UdpStatistics, PrioritiesEventsAndBadArguments) {
     const auto user = VESK_TRANSPORT_UDP_TRAFFIC_USER_DATA;
     const auto sent = VESK_TRANSPORT_UDP_TRAFFIC_SENT;
     const std::vector<int> results = {
+        VESK_Transport_UDP_count_traffic(self, user, sent, 1, 100),  // bytes and packets apart
         VESK_Transport_UDP_count_received_priority(self, 0),
         VESK_Transport_UDP_count_received_priority(self, 255),
         VESK_Transport_UDP_count_received_priority(self, 255),
@@ -539,8 +511,10 @@ TEST(UdpStatistics, PrioritiesEventsAndBadArguments) {
         VESK_Transport_UDP_count_binding_ping_event(nullptr),
         VESK_Transport_UDP_get_statistics(self, nullptr),
     };
-    EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0}));
     S expected{}, got;
+    expected.user_bytes_sent = 100;
+    expected.user_packets_sent = 1;
     expected.received_priority_count[0] = 1;
     expected.received_priority_count[255] = 2;
     expected.binding_ping_event_count = 1;
