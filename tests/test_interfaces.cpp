@@ -175,6 +175,7 @@ TEST(InterfaceSelection, EntryForms) {
         EXPECT_EQ(vesk::udp::matchesInterfaceEntry(row.entry, v6), row.v6);
     }
     EXPECT_FALSE(vesk::udp::matchesInterfaceEntry(nullptr, v4));
+    EXPECT_FALSE(vesk::udp::matchesInterfaceEntry(nullptr, "eth0", "10.1.2.3"));
 }
 
 TEST(InterfaceSelection, StatusLog) {

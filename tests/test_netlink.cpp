@@ -144,6 +144,11 @@ TEST(NetlinkParser, MessagesBecomeEventsOrAreSkipped) {
          },
          "skipped 1 | bad attributes"},
         {[](D &d) { d.put(RTM_NEWADDR, "abc", 4); }, "skipped 1 | short address header"},
+        {[](D &d) {
+             d.address(RTM_NEWADDR, AF_INET, 2, {ip(IFA_LOCAL, "192.0.2.1"), {IFA_FLAGS, "ab"}});
+         },
+         "skipped 1 | bad flags"},
+        {[](D &d) { d.put(NLMSG_ERROR, "abc", 4); }, "skipped 1 | short error message"},
         {[](D &d) { d.link(RTM_NEWLINK, 2, live, {name("eth0")})->nlmsg_len += 64; },
          "skipped 1 | message longer than the datagram"},
         {[&](D &d) {

@@ -92,12 +92,15 @@ TEST(UdpRefusals, EachIsLoggedAndLeavesNothing) {
          [](auto *p) {
              VESK_Transport_SendResource_t sender = nullptr;
              const VESK_Transport_Address_t address = loopbackAddress(Ip::V4);
-             return p->create_sendresource_srEA(p, &sender, &address, 70000, 0);
+             return p->create_sendresource_srEA(p, &sender, &address, 65536, 0);
          },
          "sendresource_out and dest_address_in are required and the port at most 65535"},
         {{{"parent.allow_multicast_interfaces_list", "none0"}},
          [](auto *p) { return receiveOn(p, "239.255.0.1", 0); },
          "group 239.255.0.1 joined on no interface (0 selected by the multicast interface lists)"},
+        {{},
+         [](auto *p) { return receiveOn(p, "0.0.0.0", 65536); },
+         "receive port 65536 is above 65535"},
         {{},
          [](auto *p) { return receiveOn(p, "127.0.0.1", 0); },
          "multicast_address_in is not a multicast address"},
@@ -158,6 +161,8 @@ TEST(UdpResources, SharesAreCountedAndMismatchesRefused) {
         p->unshare_sendresource_srEA(p, &link.sender, &here, link.port, 0),
     };
     EXPECT_EQ(results, (std::vector<int>{1, 0, 0, 1, 0, 1, 0, 1, 0}));
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(link.receiver), "VESK_Transport_UDP_RecvResource");
+    EXPECT_STREQ(KELOsapiHeap_getBlockTypeName(link.sender), "VESK_Transport_UDP_SendResource");
     EXPECT_EQ(log.entries().size(), 5u);  // one warning per refusal
 }
 
@@ -396,10 +401,11 @@ TEST(UdpSockets, BufferSizesAreGrantedAndReported) {
 }
 
 // Multicast over lo, with lo's multicast flag set in a namespace of our own:
-// a group joined at creation, a second one by sharing, each received.
+// a group joined at creation, a second one by sharing, each received. lo
+// has two addresses: each group is joined once per interface, silently.
 TEST(UdpMulticast, GroupsJoinedOnLoopbackReceive) {
     VESK_ENTER_NET_NAMESPACE(ns);
-    ASSERT_TRUE(ip("link set lo multicast on"));
+    ASSERT_TRUE(ip("link set lo multicast on") && ip("addr add 192.0.2.1/32 dev lo"));
     PluginHandle plugin = makeUdp(Ip::V4, {{"parent.allow_multicast_interfaces_list", "lo"}});
     ASSERT_NE(plugin, nullptr);
     VESK_Transport_Plugin *p = plugin.get();
@@ -409,8 +415,10 @@ TEST(UdpMulticast, GroupsJoinedOnLoopbackReceive) {
     p->destroy_recvresource_rrEA(p, &link.receiver);
     link.receiver = nullptr;
     link.port = 0;
+    LogCapture quiet;
     ASSERT_EQ(p->create_recvresource_rrEA(p, &link.receiver, &link.port, &first, 0), 1);
     ASSERT_EQ(p->share_recvresource_rrEA(p, &link.receiver, &second, link.port, 0), 1);
+    EXPECT_EQ(quiet.summary(), std::vector<std::string>{});
     for (const VESK_Transport_Address_t &group : {first, second}) {
         p->destroy_sendresource_srEA(p, &link.sender);
         link.sender = nullptr;
@@ -420,6 +428,20 @@ TEST(UdpMulticast, GroupsJoinedOnLoopbackReceive) {
     }
     EXPECT_EQ(p->unshare_recvresource_rrEA(p, &link.receiver, &second, link.port), 1);
     EXPECT_EQ(p->unshare_recvresource_rrEA(p, &link.receiver, &second, link.port), 0);
+    // Without reuse_multicast_receive_resource a port holds one group.
+    PluginHandle single = makeUdp(Ip::V4, {{"parent.allow_multicast_interfaces_list", "lo"},
+                                           {"reuse_multicast_receive_resource", "0"}});
+    ASSERT_NE(single, nullptr);
+    VESK_Transport_RecvResource_t resource = nullptr;
+    VESK_Transport_Port_t port = 0;
+    ASSERT_EQ(single->create_recvresource_rrEA(single.get(), &resource, &port, &first, 0), 1);
+    LogCapture log;
+    EXPECT_EQ(single->share_recvresource_rrEA(single.get(), &resource, &second, port, 0), 0);
+    EXPECT_NE(onlyMessage(log, KEL_LOG_BIT_WARN)
+                  .find("not shared: another group on this port needs "
+                        "reuse_multicast_receive_resource"),
+              std::string::npos);
+    single->destroy_recvresource_rrEA(single.get(), &resource);
 }
 
 // send_blocking NEVER: with the send buffer held by a slow queue (a token
