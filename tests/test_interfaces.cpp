@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,6 @@
 
 namespace {
 
-using vesk::udp::Exclusion;
 using vesk::udp::InterfaceCandidate;
 
 InterfaceCandidate address(const char *name, unsigned int index, const char *text,
@@ -44,18 +44,56 @@ const std::vector<InterfaceCandidate> kHost = {
     address("veth1", 3, "fe80::1", kLive),
 };
 
-VESK_Transport_UDP_Property_t record() {
-    VESK_Transport_UDP_Property_t p{};
-    p.parent.max_interface_count = -1;
-    p.ignore_loopback_interface = -1;
-    p.ignore_nonup_interfaces = 1;
-    p.ignore_nonrunning_interfaces = 1;
-    return p;
-}
+// A record from words: "allow=a,b deny=c mallow=d mdeny=e loopback=0 max=1
+// nonup=0 nonrunning=0 mapped"; the lists stay in the record's storage.
+struct Settings {
+    VESK_Transport_UDP_Property_t record{};
+    std::vector<std::string> texts[4];
+    std::vector<char *> pointers[4];
 
+    explicit Settings(const std::string &words) {
+        record.parent.max_interface_count = -1;
+        record.ignore_loopback_interface = -1;
+        record.ignore_nonup_interfaces = record.ignore_nonrunning_interfaces = 1;
+        std::istringstream in(words);
+        const char *const lists[] = {"allow", "deny", "mallow", "mdeny"};
+        for (std::string word; in >> word;) {
+            const size_t equals = word.find('=');
+            const std::string key = word.substr(0, equals);
+            const std::string value = equals == std::string::npos ? "" : word.substr(equals + 1);
+            for (int i = 0; i < 4; ++i) {
+                if (key != lists[i]) continue;
+                std::istringstream entries(value);
+                for (std::string entry; std::getline(entries, entry, ',');)
+                    texts[i].push_back(entry);
+                for (std::string &text : texts[i]) pointers[i].push_back(text.data());
+            }
+            if (key == "loopback") record.ignore_loopback_interface = std::stoi(value);
+            if (key == "max") record.parent.max_interface_count = std::stoi(value);
+            if (key == "nonup") record.ignore_nonup_interfaces = std::stoi(value);
+            if (key == "nonrunning") record.ignore_nonrunning_interfaces = std::stoi(value);
+            if (key == "mapped") record.enable_v4mapped = 1;
+        }
+        VESK_Transport_Property_t &p = record.parent;
+        p.allow_interfaces_list = pointers[0].data();
+        p.allow_interfaces_list_length = static_cast<KEL_INT32>(pointers[0].size());
+        p.deny_interfaces_list = pointers[1].data();
+        p.deny_interfaces_list_length = static_cast<KEL_INT32>(pointers[1].size());
+        p.allow_multicast_interfaces_list = pointers[2].data();
+        p.allow_multicast_interfaces_list_length = static_cast<KEL_INT32>(pointers[2].size());
+        p.deny_multicast_interfaces_list = pointers[3].data();
+        p.deny_multicast_interfaces_list_length = static_cast<KEL_INT32>(pointers[3].size());
+    }
+};
+
+// "name address; " per selected address ("mapped" for an IPv4 address
+// mapped into IPv6), then "-name address (reason); " per one left out.
 std::string describe(const vesk::udp::Selection &s) {
     std::string out;
-    for (const auto &c : s.selected) out += c.name + " " + vesk::udp::addressText(c) + "; ";
+    for (const auto &c : s.selected) {
+        const bool mapped = c.family == AF_INET && c.address.network_ordered_value[10] == 0xff;
+        out += c.name + " " + vesk::udp::addressText(c) + (mapped ? " mapped; " : "; ");
+    }
     for (const auto &e : s.excluded) {
         out += "-" + e.candidate.name + " " + vesk::udp::addressText(e.candidate) + " (" +
                vesk::udp::exclusionText(e.reason) + "); ";
@@ -63,59 +101,53 @@ std::string describe(const vesk::udp::Selection &s) {
     return out;
 }
 
-struct ListHolder {
-    std::vector<std::string> texts;
-    std::vector<char *> pointers;
-    void set(char **&list, KEL_INT32 &length, std::vector<std::string> entries) {
-        texts = std::move(entries);
-        pointers.clear();
-        for (auto &t : texts) pointers.push_back(t.data());
-        list = pointers.data();
-        length = static_cast<KEL_INT32>(pointers.size());
-    }
-};
-
 TEST(InterfaceSelection, EveryRuleWithItsReason) {
+    enum Kind { unicast, ipv6, multicast };
     struct Row {
-        const char *what;
-        std::vector<std::string> allow, deny;
-        int loopback, max, nonup, nonrunning;
-        bool ipv6;
-        const char *expected;
+        Kind kind;
+        const char *settings, *expected;
     };
-    // clang-format off
-    const std::vector<Row> rows = {
-        {"defaults, in index order", {}, {}, -1, -1, 1, 1, false,
-         "veth0 192.0.2.1; veth0 192.0.2.9; veth1 198.51.100.1; tun0 10.200.0.1; "
-         "-lo 127.0.0.1 (loopback ignored); -dock0 10.1.0.1 (not running); -wlan0 203.0.113.1 (not up); "},
-        {"allow by name and pattern, deny wins", {"veth?", "tun0"}, {"veth1"}, 0, -1, 1, 1, false,
-         "veth0 192.0.2.1; veth0 192.0.2.9; tun0 10.200.0.1; -lo 127.0.0.1 (not in the allow list); "
-         "-veth1 198.51.100.1 (in the deny list); -dock0 10.1.0.1 (not in the allow list); "
+    const Row rows[] = {
+        {unicast, "",  // defaults, in index order
+         "veth0 192.0.2.1; veth0 192.0.2.9; veth1 198.51.100.1; tun0 10.200.0.1; -lo 127.0.0.1 "
+         "(loopback ignored); -dock0 10.1.0.1 (not running); -wlan0 203.0.113.1 (not up); "},
+        {unicast, "allow=veth?,tun0 deny=veth1 loopback=0",  // deny wins
+         "veth0 192.0.2.1; veth0 192.0.2.9; tun0 10.200.0.1; -lo 127.0.0.1 (not in the allow "
+         "list); -veth1 198.51.100.1 (in the deny list); -dock0 10.1.0.1 (not in the allow list); "
          "-wlan0 203.0.113.1 (not in the allow list); "},
-        {"allow by CIDR, deny by address, non-up kept", {"192.0.2.0/24", "10.0.0.0/8", "wlan0"}, {"192.0.2.9"}, 1, -1, 0, 0, false,
-         "veth0 192.0.2.1; dock0 10.1.0.1; wlan0 203.0.113.1; tun0 10.200.0.1; -lo 127.0.0.1 (not in the allow list); "
-         "-veth0 192.0.2.9 (in the deny list); -veth1 198.51.100.1 (not in the allow list); "},
-        {"max counts interfaces", {}, {"tun*"}, 1, 1, 1, 1, false,
-         "veth0 192.0.2.1; veth0 192.0.2.9; -lo 127.0.0.1 (loopback ignored); "
-         "-veth1 198.51.100.1 (over max_interface_count); -dock0 10.1.0.1 (not running); "
-         "-wlan0 203.0.113.1 (not up); -tun0 10.200.0.1 (in the deny list); "},
-        {"IPv6 range by CIDR", {"fe80::/10"}, {}, -1, -1, 1, 1, true,
-         "veth1 fe80::1; -veth0 2001:db8::1 (not in the allow list); "},
-        {"IPv6 address deny", {}, {"2001:db8::1"}, -1, -1, 1, 1, true,
-         "veth1 fe80::1; -veth0 2001:db8::1 (in the deny list); "},
+        {unicast,
+         "allow=192.0.2.0/24,10.0.0.0/8,wlan0 deny=192.0.2.9 loopback=1 nonup=0 nonrunning=0",
+         "veth0 192.0.2.1; dock0 10.1.0.1; wlan0 203.0.113.1; tun0 10.200.0.1; -lo 127.0.0.1 (not "
+         "in the allow list); -veth0 192.0.2.9 (in the deny list); -veth1 198.51.100.1 (not in "
+         "the allow list); "},
+        {unicast, "deny=tun* loopback=1 max=1",  // max counts interfaces
+         "veth0 192.0.2.1; veth0 192.0.2.9; -lo 127.0.0.1 (loopback ignored); -veth1 198.51.100.1 "
+         "(over max_interface_count); -dock0 10.1.0.1 (not running); -wlan0 203.0.113.1 (not up); "
+         "-tun0 10.200.0.1 (in the deny list); "},
+        {ipv6, "allow=fe80::/10", "veth1 fe80::1; -veth0 2001:db8::1 (not in the allow list); "},
+        {ipv6, "deny=2001:db8::1", "veth1 fe80::1; -veth0 2001:db8::1 (in the deny list); "},
+        {ipv6, "allow=veth0 mapped",
+         "veth0 192.0.2.1 mapped; veth0 192.0.2.9 mapped; veth0 2001:db8::1; -lo 127.0.0.1 (not in "
+         "the allow list); -veth1 198.51.100.1 (not in the allow list); -veth1 fe80::1 (not in the "
+         "allow list); -dock0 10.1.0.1 (not in the allow list); -wlan0 203.0.113.1 (not in the "
+         "allow list); -tun0 10.200.0.1 (not in the allow list); "},
+        {multicast, "deny=veth0",  // the unicast lists do not apply
+         "veth0 192.0.2.1; veth0 192.0.2.9; veth1 198.51.100.1; -lo 127.0.0.1 (loopback ignored); "
+         "-dock0 10.1.0.1 (not running); -wlan0 203.0.113.1 (not up); -tun0 10.200.0.1 (no "
+         "multicast (IFF_MULTICAST not set)); "},
+        {multicast, "mallow=veth*,tun0 mdeny=198.51.100.0/24",
+         "veth0 192.0.2.1; veth0 192.0.2.9; -lo 127.0.0.1 (not in the multicast allow list); "
+         "-veth1 198.51.100.1 (in the multicast deny list); -dock0 10.1.0.1 (not in the multicast "
+         "allow list); -wlan0 203.0.113.1 (not in the multicast allow list); -tun0 10.200.0.1 (no "
+         "multicast (IFF_MULTICAST not set)); "},
     };
-    // clang-format on
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        VESK_Transport_UDP_Property_t p = record();
-        ListHolder allow, deny;
-        allow.set(p.parent.allow_interfaces_list, p.parent.allow_interfaces_list_length, row.allow);
-        deny.set(p.parent.deny_interfaces_list, p.parent.deny_interfaces_list_length, row.deny);
-        p.ignore_loopback_interface = row.loopback;
-        p.parent.max_interface_count = row.max;
-        p.ignore_nonup_interfaces = row.nonup;
-        p.ignore_nonrunning_interfaces = row.nonrunning;
-        EXPECT_EQ(describe(vesk::udp::selectInterfacesWithReasons(kHost, p, row.ipv6)),
+        SCOPED_TRACE(row.settings);
+        const Settings s(row.settings);
+        EXPECT_EQ(describe(row.kind == multicast
+                               ? vesk::udp::selectMulticastInterfaces(kHost, s.record, false)
+                               : vesk::udp::selectInterfacesWithReasons(kHost, s.record,
+                                                                        row.kind == ipv6)),
                   row.expected);
     }
 }
@@ -127,61 +159,30 @@ TEST(InterfaceSelection, EntryForms) {
         const char *entry;
         bool v4, v6;
     };
-    // clang-format off
-    const std::vector<Row> rows = {
-        {"eth0", true, true}, {"eth?", true, true}, {"e*0", true, true}, {"eth", false, false},
-        {"ETH0", false, false}, {"10.1.2.3", true, false}, {"10.1.*", true, false},
-        {"10.0.0.0/8", true, false}, {"10.1.2.3/32", true, false}, {"10.1.2.4/32", false, false},
-        {"0.0.0.0/0", true, false}, {"fe80::/10", false, true}, {"fe80::1/128", false, true},
-        {"*", true, true}, {"10.1.2.3*", true, false}, {"eth0 ", false, false}, {"fec0::/10", false, false}, {"10.0.0.0/33", false, false}, {"fe80::/129", false, false}, {"10.0.0.0/", false, false},
-        {"10.0.0.0/x", false, false}, {"nothing/8", false, false}, {"", false, false},
+    const Row rows[] = {
+        {"eth0", true, true},          {"eth?", true, true},        {"e*0", true, true},
+        {"eth", false, false},         {"ETH0", false, false},      {"10.1.2.3", true, false},
+        {"10.1.*", true, false},       {"10.0.0.0/8", true, false}, {"10.1.2.3/32", true, false},
+        {"10.1.2.4/32", false, false}, {"0.0.0.0/0", true, false},  {"fe80::/10", false, true},
+        {"fe80::1/128", false, true},  {"*", true, true},           {"10.1.2.3*", true, false},
+        {"eth0 ", false, false},       {"fec0::/10", false, false}, {"10.0.0.0/33", false, false},
+        {"fe80::/129", false, false},  {"10.0.0.0/", false, false}, {"10.0.0.0/x", false, false},
+        {"nothing/8", false, false},   {"", false, false},
     };
-    // clang-format on
     for (const Row &row : rows) {
         SCOPED_TRACE(row.entry);
         EXPECT_EQ(vesk::udp::matchesInterfaceEntry(row.entry, v4), row.v4);
         EXPECT_EQ(vesk::udp::matchesInterfaceEntry(row.entry, v6), row.v6);
     }
     EXPECT_FALSE(vesk::udp::matchesInterfaceEntry(nullptr, v4));
+    EXPECT_FALSE(vesk::udp::matchesInterfaceEntry(nullptr, "eth0", "10.1.2.3"));
 }
 
-TEST(InterfaceSelection, MulticastHasItsOwnLists) {
-    VESK_Transport_UDP_Property_t p = record();
-    ListHolder unicastDeny, allow, deny;
-    unicastDeny.set(p.parent.deny_interfaces_list, p.parent.deny_interfaces_list_length, {"veth0"});
-    EXPECT_EQ(
-        describe(vesk::udp::selectMulticastInterfaces(kHost, p, false)),
-        "veth0 192.0.2.1; veth0 192.0.2.9; veth1 198.51.100.1; "
-        "-lo 127.0.0.1 (loopback ignored); -dock0 10.1.0.1 (not running); "
-        "-wlan0 203.0.113.1 (not up); -tun0 10.200.0.1 (no multicast (IFF_MULTICAST not set)); ");
-    allow.set(p.parent.allow_multicast_interfaces_list,
-              p.parent.allow_multicast_interfaces_list_length, {"veth*", "tun0"});
-    deny.set(p.parent.deny_multicast_interfaces_list,
-             p.parent.deny_multicast_interfaces_list_length, {"198.51.100.0/24"});
-    EXPECT_EQ(describe(vesk::udp::selectMulticastInterfaces(kHost, p, false)),
-              "veth0 192.0.2.1; veth0 192.0.2.9; "
-              "-lo 127.0.0.1 (not in the multicast allow list); "
-              "-veth1 198.51.100.1 (in the multicast deny list); "
-              "-dock0 10.1.0.1 (not in the multicast allow list); "
-              "-wlan0 203.0.113.1 (not in the multicast allow list); "
-              "-tun0 10.200.0.1 (no multicast (IFF_MULTICAST not set)); ");
-}
-
-TEST(InterfaceSelection, MappedAddressesAndLog) {
-    VESK_Transport_UDP_Property_t p = record();
-    p.enable_v4mapped = 1;
-    ListHolder allow;
-    allow.set(p.parent.allow_interfaces_list, p.parent.allow_interfaces_list_length, {"veth0"});
-    const auto selection = vesk::udp::selectInterfacesWithReasons(kHost, p, true);
-    ASSERT_EQ(selection.selected.size(), 3u);
-    EXPECT_EQ(vesk::udp::addressText(selection.selected[0]), "192.0.2.1");
-    EXPECT_EQ(selection.selected[0].address.network_ordered_value[10], 0xff);
-    EXPECT_EQ(selection.selected[2].family, AF_INET6);
-
+TEST(InterfaceSelection, StatusLog) {
     vesk::test::LogCapture log(VESK_CONFIG_LOG_VERBOSITY_STATUS_LOCAL);
     vesk::udp::Selection small;
     small.selected = {kHost[0]};
-    small.excluded = {{kHost[3], Exclusion::loopback}};
+    small.excluded = {{kHost[3], vesk::udp::Exclusion::loopback}};
     vesk::udp::logSelection(small, "unicast", "fn", "UDPv4");
     const auto entries = log.entries();
     ASSERT_EQ(entries.size(), 2u);
@@ -199,12 +200,9 @@ TEST(InterfaceSelection, MappedAddressesAndLog) {
 }
 
 TEST(InterfaceSelection, HostDescriptionHasLoopbackWithIndexAndMtu) {
-    VESK_Transport_UDP_Property_t p = record();
-    p.ignore_loopback_interface = 0;
-    ListHolder allow;
-    allow.set(p.parent.allow_interfaces_list, p.parent.allow_interfaces_list_length, {"lo"});
+    const Settings s("allow=lo loopback=0");
     vesk::udp::Selection unicast, multicast;
-    ASSERT_TRUE(vesk::udp::describeHostSelection(p, false, unicast, multicast));
+    ASSERT_TRUE(vesk::udp::describeHostSelection(s.record, false, unicast, multicast));
     ASSERT_EQ(unicast.selected.size(), 1u);
     EXPECT_EQ(unicast.selected[0].index, if_nametoindex("lo"));
     EXPECT_GT(unicast.selected[0].mtu, 0u);
