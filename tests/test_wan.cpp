@@ -15,9 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/NetNamespace.hpp"
 #include "support/PropertyList.hpp"
 #include "support/TestSupport.hpp"
-#include "support/WanNamespaces.hpp"
+#include "support/UdpTraffic.hpp"
 #include "vesk_transport/Support.h"
 #include "vesk_transport/platform/UdpWan.h"
 #include "vesk_transport/platform/udp/Wan.hpp"
@@ -234,8 +235,8 @@ TEST(WanListeners, UnregisteredPointersAreRefused) {
     unsigned char buffer[sizeof(VESK_Transport_UDP_WAN_Listener)];
     std::memset(buffer, 0xA5, sizeof buffer);
     const std::string listener_refusal =
-        "UDPv4_WAN transport: wan_listener_ptr does not point at a registered listener: register "
-        "it with VESK_Transport_UDP_WAN_register_listener before creating the transport";
+        "wan_listener_ptr does not point at a registered listener: register it with "
+        "VESK_Transport_UDP_WAN_register_listener before creating the transport";
     const struct Row {
         std::string name, value, reason;
     } rows[] = {
@@ -243,75 +244,67 @@ TEST(WanListeners, UnregisteredPointersAreRefused) {
          listener_refusal},
         {"wan_listener_ptr", pointerText(buffer), listener_refusal},
         {"public_address", "gateway.example",
-         "UDPv4_WAN transport: public_address is not an IPv4 address (such as 203.0.113.5)"},
+         "public_address is not an IPv4 address (such as 203.0.113.5)"},
     };
-    namespace fs = std::filesystem;
-    auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.value);
         const KEL_UINT64 blocks = vesk::test::liveHeapBlocks();
-        const auto open_before = descriptors();
+        const int open_before = vesk::test::openDescriptorCount();
         vesk::test::LogCapture log;
         g_calls = 0;
         EXPECT_EQ(nullptr, makeWan({{row.name, row.value}, {"binding_ping_period", "10"}}));
         EXPECT_TRUE(g_calls == 0 && buffer[0] == 0xA5);
         EXPECT_EQ(blocks, vesk::test::liveHeapBlocks());
-        EXPECT_EQ(open_before, descriptors());
+        EXPECT_EQ(open_before, vesk::test::openDescriptorCount());
         ASSERT_FALSE(log.entries().empty());
         EXPECT_EQ("VESK_Transport_UDPv4_WAN_newI", log.entries()[0].function);
-        EXPECT_EQ(summarize("KEL_LOG_CREATION_FAILURE_s", {row.reason}), log.summary()[0]);
+        EXPECT_EQ(summarize("KEL_LOG_CREATION_FAILURE_s", {"UDPv4_WAN transport: " + row.reason}),
+                  log.summary()[0]);
     }
 }
 
-TEST(WanListeners, RegisteredListenerIsAcceptedAndMappingsCountFromZero) {
+// A registered listener is accepted; receive resources bind the mapped port
+// (or the offset one) and count their mapping. In a namespace of its own, so
+// that the ports are surely free.
+TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
+    VESK_ENTER_NET_NAMESPACE(inside);
+    auto threads = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    };
+    // A first thread makes the sanitizer runtimes start their own helper
+    // threads now, so that the count below is the plugin's alone.
+    std::thread([] {}).join();
+    const auto threads_before = threads();
     const VESK_Transport_UDP_WAN_Listener listener{nullptr, onResolved};
     ASSERT_EQ(1, VESK_Transport_UDP_WAN_register_listener(&listener));
     VESK_Transport_Plugin *plugin = makeWan(
         {{"wan_listener_ptr", pointerText(&listener)},
          {"public_address", "203.0.113.5"},
+         {"port_offset", "40000"},
          {"comm_ports",
-          R"({"default": {"host": 7400, "public": 17400}, "mappings": [{"rtps": 7410, "host": 7410}]})"}});
+          R"({"default": {}, "mappings": [{"rtps": 7410, "host": 47000, "public": 17410}]})"}});
     ASSERT_NE(nullptr, plugin);
     VESK_Transport_UDP_WAN_PortMapping mapping{};
-    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
-    EXPECT_TRUE(mapping.host_port == 7410 && mapping.mapping_index == 1 && mapping.ref_count == 0);
+    auto refCount = [&] {
+        EXPECT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
+        EXPECT_TRUE(mapping.host_port == 47000 && mapping.mapping_index == 1);
+        return mapping.ref_count;
+    };
+    EXPECT_EQ(0, refCount());
     VESK_Transport_Address_t address{};
     VESK_Transport_Port_t port = 0;
-    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_locator(plugin, 7777, &address, &port));
-    EXPECT_EQ(17400u, port);
+    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_locator(plugin, 7410, &address, &port));
+    EXPECT_EQ(17410u, port);
     EXPECT_EQ(0, std::memcmp(address.network_ordered_value + 12, "\xCB\x00\x71\x05", 4));
-    plugin->delete_cEA(plugin, nullptr);
-    EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
-}
-
-// In a namespace of its own, so that the ports are surely free.
-TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
-    vesk::test::Namespaces namespaces;
-    if (!namespaces.unavailable().empty() || !namespaces.create("ports")) {
-        GTEST_SKIP() << "no network namespace: " << namespaces.unavailable();
-    }
-    vesk::test::Namespaces::Inside inside(namespaces, "ports");
-    namespace fs = std::filesystem;
-    auto threads = [] { return std::distance(fs::directory_iterator("/proc/self/task"), {}); };
-    // A first thread makes the sanitizer runtimes start their own helper
-    // threads now, so that the count below is the plugin's alone.
-    std::thread([] {}).join();
-    const auto threads_before = threads();
-    VESK_Transport_Plugin *plugin = makeWan(
-        {{"port_offset", "40000"},
-         {"comm_ports", R"({"default": {}, "mappings": [{"rtps": 7410, "host": 47000}]})"}});
-    ASSERT_NE(nullptr, plugin);
     VESK_Transport_RecvResource_t mapped = nullptr, offset = nullptr, none = nullptr;
-    VESK_Transport_Port_t port = 7410;
+    port = 7410;
     ASSERT_EQ(1, plugin->create_recvresource_rrEA(plugin, &mapped, &port, nullptr, 0));
     EXPECT_EQ(7410u, port);  // the caller keeps the RTPS port
     port = 7411;
     ASSERT_EQ(1, plugin->create_recvresource_rrEA(plugin, &offset, &port, nullptr, 0));
     EXPECT_EQ(-1, UdpSocket(0, 47000).fd);  // bound: in use
     EXPECT_EQ(-1, UdpSocket(0, 47411).fd);
-    VESK_Transport_UDP_WAN_PortMapping mapping{};
-    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
-    EXPECT_EQ(1, mapping.ref_count);
+    EXPECT_EQ(1, refCount());
     vesk::test::LogCapture log;
     port = 30000;  // 70000: beyond the ports
     EXPECT_EQ(0, plugin->create_recvresource_rrEA(plugin, &none, &port, nullptr, 0));
@@ -321,11 +314,11 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
                    "and 30000 + port_offset 40000 is outside 1..65535"})}),
               log.summary());
     plugin->destroy_recvresource_rrEA(plugin, &mapped);
-    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
-    EXPECT_EQ(0, mapping.ref_count);
+    EXPECT_EQ(0, refCount());
     EXPECT_NE(-1, UdpSocket(0, 47000).fd);  // released
     plugin->delete_cEA(plugin, nullptr);    // closes the other resource
     EXPECT_EQ(threads_before, threads());   // the ping timer is joined
+    EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 }
 
 // --- the engine over loopback ---------------------------------------------------
