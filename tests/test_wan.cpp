@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cinttypes>
@@ -13,13 +12,13 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/NetNamespace.hpp"
 #include "support/PropertyList.hpp"
 #include "support/TestSupport.hpp"
 #include "support/UdpTraffic.hpp"
-#include "vesk_transport/Support.h"
 #include "vesk_transport/platform/UdpWan.h"
 #include "vesk_transport/platform/udp/Wan.hpp"
 #include "vesk_transport/platform/udp/WanEngine.hpp"
@@ -28,34 +27,33 @@
 namespace {
 
 using namespace vesk::udp;
-using vesk::test::summarize;
+using namespace vesk::test;
 using Bytes = std::vector<std::uint8_t>;
 using Mapping = VESK_Transport_UDP_WAN_CommPortsMappingInfo;
+using Strings = std::vector<std::string>;
+constexpr std::uint32_t kLoopback = 0x7F000001;
 
-// A bound IPv4 UDP socket (host-order address and port; port 0: any).
+sockaddr_in ipv4At(std::uint32_t ipv4, std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(ipv4);
+    address.sin_port = htons(port);
+    return address;
+}
+
+// A bound UDP socket (host-order address; port 0: any); fd -1 when taken.
 struct UdpSocket {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    std::uint16_t port = 0;
-    UdpSocket(std::uint32_t ipv4, std::uint16_t wanted) {
-        sockaddr_in address = at(ipv4, wanted);
+    sockaddr_in address;
+    UdpSocket(std::uint32_t ipv4, std::uint16_t port) : address(ipv4At(ipv4, port)) {
         socklen_t length = sizeof address;
-        if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-            getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
-            close(fd);
-            fd = -1;
-        }
-        port = ntohs(address.sin_port);
+        if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0) close(fd), fd = -1;
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
     }
     ~UdpSocket() { close(fd); }
-    static sockaddr_in at(std::uint32_t ipv4, std::uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(ipv4);
-        address.sin_port = htons(port);
-        return address;
-    }
-    void sendTo(std::uint16_t to_port, const Bytes &bytes) const {
-        const sockaddr_in to = at(0x7F000001, to_port);
+    std::uint16_t port() const { return ntohs(address.sin_port); }
+    void sendTo(std::uint16_t port, const Bytes &bytes) const {
+        const sockaddr_in to = ipv4At(kLoopback, port);
         sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&to),
                sizeof to);
     }
@@ -67,7 +65,7 @@ TEST(WanPorts, RuleTable) {
     const std::vector<Mapping> single = {{7400, 7400, 7400, 0}};
     const std::vector<Mapping> no_default = {{0, 0, 0, 0}, {7410, 7411, 7412, 0}};
     const std::vector<Mapping> none;
-    struct Row {
+    const struct Row {
         const std::vector<Mapping> &list;
         std::int32_t offset;
         VESK_Transport_Port_t rtps;
@@ -84,14 +82,13 @@ TEST(WanPorts, RuleTable) {
         {none, 125, 0, -1, 0, -1},    // no RTPS port 0
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.rtps);
         const auto choice = choosePorts(row.list.empty() ? nullptr : row.list.data(),
                                         static_cast<int>(row.list.size()), row.offset, row.rtps);
-        ASSERT_EQ(row.host >= 0, choice.has_value());
-        if (!choice) continue;
-        EXPECT_EQ(row.host, choice->host_port);
-        EXPECT_EQ(row.pub, choice->public_port);
-        EXPECT_EQ(row.index, choice->mapping_index);
+        EXPECT_EQ(std::tuple(row.host, row.pub, row.index),
+                  choice ? std::tuple(int(choice->host_port), int(choice->public_port),
+                                      choice->mapping_index)
+                         : std::tuple(-1, 0, -1))
+            << row.rtps;
     }
 }
 
@@ -101,25 +98,19 @@ Bytes encode(const PingMessage &message) {
     return out;
 }
 
-TEST(WanPing, Layout) {
+// Decoding well-formed messages: the corpus test re-encodes every seed.
+TEST(WanPing, LayoutAndMalformedTable) {
     const PingMessage ping{PingKind::Ping, 0x01020304, 7410, 0, 0};
     Bytes padded{'V', 'B', 'P', '!', 1, 1, 0, 0, 1, 2, 3, 4, 0, 0, 0x1c, 0xf2};
     padded.resize(kAnswerSize);  // zero padding: no larger answer
     EXPECT_EQ(padded, encode(ping));
-    const PingMessage answer{PingKind::Answer, 9, 7400, 0xC6336401 /* 198.51.100.1 */, 40001};
-    const Bytes bytes = encode(answer);
-    ASSERT_EQ(kAnswerSize, bytes.size());
+    const Bytes answer = encode({PingKind::Answer, 9, 7400, 0xC6336401 /* 198.51.100.1 */, 40001});
+    ASSERT_EQ(kAnswerSize, answer.size());
     EXPECT_EQ((Bytes{0, 0, 0, 0, 198, 51, 100, 1, 0x9c, 0x41, 0, 0}),
-              Bytes(bytes.begin() + 24, bytes.end()));
-    // Decoding: the corpus test re-encodes every well-formed seed to its bytes.
+              Bytes(answer.begin() + 24, answer.end()));
     EXPECT_FALSE(isPingMessage(Bytes{'R', 'T', 'P', 'S', 2, 3, 1, 15}));
     Bytes small(kPingSize - 1);
     EXPECT_EQ(0u, encodePing(ping, small));
-}
-
-TEST(WanPing, MalformedTable) {
-    const Bytes ping = encode({PingKind::Ping, 1, 7400, 0, 0});
-    const Bytes answer = encode({PingKind::Answer, 1, 7400, 0xC0000201, 7400});
     // The message with bytes [from, to) set to value, cut to size (0: as is).
     auto edit = [](Bytes bytes, std::size_t from, std::size_t to, std::uint8_t value,
                    std::size_t size = 0) {
@@ -132,21 +123,20 @@ TEST(WanPing, MalformedTable) {
         PingError error;
         const char *text;
     } rows[] = {
-        {edit(ping, 0, 0, 0, 7), PingError::ShortHeader, "short header"},
-        {edit(ping, 4, 5, 2), PingError::UnsupportedVersion, "unsupported version"},
-        {edit(ping, 5, 6, 3), PingError::UnknownKind, "unknown kind"},
-        {edit(ping, 7, 8, 1), PingError::ReservedBitsSet, "reserved bits set"},
+        {edit(padded, 0, 0, 0, 7), PingError::ShortHeader, "short header"},
+        {edit(padded, 4, 5, 2), PingError::UnsupportedVersion, "unsupported version"},
+        {edit(padded, 5, 6, 3), PingError::UnknownKind, "unknown kind"},
+        {edit(padded, 7, 8, 1), PingError::ReservedBitsSet, "reserved bits set"},
         {edit(answer, 35, 36, 1), PingError::ReservedBitsSet, "reserved bits set"},
-        {edit(ping, 0, 0, 0, 15), PingError::WrongLength, "wrong length"},
-        {edit(ping, 35, 36, 1), PingError::ReservedBitsSet, "reserved bits set"},  // padding
+        {edit(padded, 0, 0, 0, 15), PingError::WrongLength, "wrong length"},
+        {edit(padded, 35, 36, 1), PingError::ReservedBitsSet, "reserved bits set"},  // padding
         {edit(answer, 16, 17, 1), PingError::NotIpv4, "not an IPv4 address"},
         {edit(answer, 28, 32, 0), PingError::NotIpv4, "not an IPv4 address"},
         {edit(answer, 32, 34, 0), PingError::PortZero, "port 0"},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.text);
         PingMessage untouched{PingKind::Answer, 77, 78, 79, 80};
-        EXPECT_EQ(row.error, decodePing(row.datagram, untouched));
+        EXPECT_EQ(row.error, decodePing(row.datagram, untouched)) << row.text;
         EXPECT_STREQ(row.text, pingErrorText(row.error));
         EXPECT_EQ(77u, untouched.sequence);
     }
@@ -221,8 +211,8 @@ std::string pointerText(const void *pointer) {
     return text;
 }
 
-VESK_Transport_Plugin *makeWan(std::initializer_list<vesk::test::PropertyList::NameValue> values) {
-    vesk::test::PropertyList properties(values);
+VESK_Transport_Plugin *makeWan(std::initializer_list<PropertyList::NameValue> values) {
+    PropertyList properties(values);
     return VESK_Transport_UDPv4_WAN_create_from_properties_with_prefix(nullptr, properties.get(),
                                                                        "");
 }
@@ -248,14 +238,14 @@ TEST(WanListeners, UnregisteredPointersAreRefused) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.value);
-        const KEL_UINT64 blocks = vesk::test::liveHeapBlocks();
-        const int open_before = vesk::test::openDescriptorCount();
-        vesk::test::LogCapture log;
+        const KEL_UINT64 blocks = liveHeapBlocks();
+        const int open_before = openDescriptorCount();
+        LogCapture log;
         g_calls = 0;
         EXPECT_EQ(nullptr, makeWan({{row.name, row.value}, {"binding_ping_period", "10"}}));
         EXPECT_TRUE(g_calls == 0 && buffer[0] == 0xA5);
-        EXPECT_EQ(blocks, vesk::test::liveHeapBlocks());
-        EXPECT_EQ(open_before, vesk::test::openDescriptorCount());
+        EXPECT_EQ(blocks, liveHeapBlocks());
+        EXPECT_EQ(open_before, openDescriptorCount());
         ASSERT_FALSE(log.entries().empty());
         EXPECT_EQ("VESK_Transport_UDPv4_WAN_newI", log.entries()[0].function);
         EXPECT_EQ(summarize("KEL_LOG_CREATION_FAILURE_s", {"UDPv4_WAN transport: " + row.reason}),
@@ -284,8 +274,9 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
          {"comm_ports",
           R"({"default": {}, "mappings": [{"rtps": 7410, "host": 47000, "public": 17410}]})"}});
     ASSERT_NE(nullptr, plugin);
-    VESK_Transport_UDP_WAN_PortMapping mapping{};
+    // The mapping's ref count, after checking its ports (counted from 0).
     auto refCount = [&] {
+        VESK_Transport_UDP_WAN_PortMapping mapping{};
         EXPECT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 7410, &mapping));
         EXPECT_TRUE(mapping.host_port == 47000 && mapping.mapping_index == 1);
         return mapping.ref_count;
@@ -305,14 +296,14 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
     EXPECT_EQ(-1, UdpSocket(0, 47000).fd);  // bound: in use
     EXPECT_EQ(-1, UdpSocket(0, 47411).fd);
     EXPECT_EQ(1, refCount());
-    vesk::test::LogCapture log;
+    LogCapture log;
     port = 30000;  // 70000: beyond the ports
     EXPECT_EQ(0, plugin->create_recvresource_rrEA(plugin, &none, &port, nullptr, 0));
-    EXPECT_EQ((std::vector<std::string>{summarize(
-                  "KEL_LOG_ANY_FAILURE_s",
-                  {"UDPv4_WAN transport: RTPS port 30000 has no host port: no comm_ports mapping, "
-                   "and 30000 + port_offset 40000 is outside 1..65535"})}),
-              log.summary());
+    EXPECT_EQ(log.summary(),
+              Strings{summarize("KEL_LOG_ANY_FAILURE_s",
+                                {"UDPv4_WAN transport: RTPS port 30000 has no host port: no "
+                                 "comm_ports mapping, and 30000 + port_offset 40000 is outside "
+                                 "1..65535"})});
     plugin->destroy_recvresource_rrEA(plugin, &mapped);
     EXPECT_EQ(0, refCount());
     EXPECT_NE(-1, UdpSocket(0, 47000).fd);  // released
@@ -320,10 +311,6 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
     EXPECT_EQ(threads_before, threads());   // the ping timer is joined
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 }
-
-// --- the engine over loopback ---------------------------------------------------
-
-constexpr std::uint32_t kLoopback = 0x7F000001;
 
 // Hands the next datagram on socket (within a second) to engine; returns
 // whether the engine took it as a binding-ping message.
@@ -358,11 +345,11 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     VESK_Transport_Port_t port = 0;  // before any answer: the host port
     ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_locator(plugin, 7400, &address, &port));
     EXPECT_EQ(7525u, port);
-    UdpSocket a(kLoopback, 0), b(kLoopback, 0);
+    const UdpSocket a(kLoopback, 0), b(kLoopback, 0);
     WanEngine pinger({100, 1000, &listener, plugin, "pinger"});
     WanEngine answerer({0, 1000, nullptr, nullptr, "answerer"});
     pinger.addSocket(a.fd, 7400);
-    pinger.addPeer(kLoopback, b.port);
+    pinger.addPeer(kLoopback, b.port());
     answerer.addSocket(b.fd, 7400);
     std::uint32_t removed_port = 0;
     EXPECT_FALSE(answerer.removeSocket(a.fd, removed_port));  // never added
@@ -372,39 +359,37 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
         EXPECT_TRUE(deliver(b, answerer, now));
         EXPECT_TRUE(deliver(a, pinger, now));
     }
-    EXPECT_EQ(1, g_calls);
-    EXPECT_EQ(a.port, seen);
+    EXPECT_TRUE(g_calls == 1 && seen == a.port());
     VESK_Transport_UDP_WAN_PingInfo info = infoOf(pinger);
     EXPECT_TRUE(info.pings_sent == 2 && info.answers_received == 2 && info.mappings_resolved == 1);
-    EXPECT_TRUE(info.resolved == 1 && info.public_port == a.port);
+    EXPECT_TRUE(info.resolved == 1 && info.public_port == a.port());
     EXPECT_EQ(1, infoOf(answerer).peer_count);
 
-    vesk::test::LogCapture log;
-    b.sendTo(a.port, encode({PingKind::Answer, 999, 7400, 0x01020304, 9}));  // never asked
+    LogCapture log;
+    b.sendTo(a.port(), encode({PingKind::Answer, 999, 7400, 0x01020304, 9}));  // never asked
     const Bytes bad_version{'V', 'B', 'P', '!', 9, 1, 0, 0};
-    b.sendTo(a.port, bad_version);
-    b.sendTo(a.port, bad_version);  // warned once only
-    b.sendTo(a.port, Bytes{'R', 'T', 'P', 'S', 2, 3});
+    b.sendTo(a.port(), bad_version);
+    b.sendTo(a.port(), bad_version);  // warned once only
+    b.sendTo(a.port(), Bytes{'R', 'T', 'P', 'S', 2, 3});
     for (bool ping_message : {true, true, true, false})
         EXPECT_EQ(ping_message, deliver(a, pinger, 200));
     info = infoOf(pinger);
     EXPECT_TRUE(info.unsolicited_answers == 1 && info.malformed_received == 2 && g_calls == 1);
-    EXPECT_EQ(std::vector<std::string>{summarize(
-                  "KEL_LOG_ANY_FAILURE_ss",
-                  {"malformed binding ping from 127.0.0.1:" + std::to_string(b.port),
-                   "unsupported version"})},
-              log.summary());
+    EXPECT_EQ(
+        log.summary(),
+        Strings{summarize("KEL_LOG_ANY_FAILURE_ss",
+                          {"malformed binding ping from 127.0.0.1:" + std::to_string(b.port()),
+                           "unsupported version"})});
 
     // Pings and answers count as binding pings, never as user data.
-    VESK_Transport_UDP_Statistics statistics;
-    ASSERT_EQ(1, VESK_Transport_UDP_get_statistics(plugin, &statistics));
+    VESK_Transport_UDP_Statistics statistics = statisticsOf(plugin);
     EXPECT_EQ(2u, statistics.binding_ping_packets_sent);
     EXPECT_EQ(2 * kPingSize, statistics.binding_ping_bytes_sent);
     EXPECT_EQ(5u, statistics.binding_ping_packets_received);  // two answers, three refused
     EXPECT_EQ(2u, statistics.binding_ping_event_count);
     EXPECT_EQ(0u, statistics.user_packets_sent + statistics.user_packets_received);
     for (std::uint64_t now : {60199, 60200}) {  // the next warning a minute later
-        b.sendTo(a.port, bad_version);
+        b.sendTo(a.port(), bad_version);
         deliver(a, pinger, now);
     }
     EXPECT_EQ(2u, log.summary().size());
@@ -422,8 +407,7 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     ASSERT_EQ(1, VESK_Transport_UDP_change_binding_ping_generation(plugin, 0));
     pinger.tick(1200);
     EXPECT_EQ(3u, infoOf(pinger).pings_sent);
-    ASSERT_EQ(1, VESK_Transport_UDP_get_statistics(plugin, &statistics));
-    EXPECT_EQ(3u, statistics.binding_ping_event_count);  // rounds that sent a ping
+    EXPECT_EQ(3u, statisticsOf(plugin).binding_ping_event_count);  // rounds that sent a ping
     plugin->delete_cEA(plugin, nullptr);
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 }

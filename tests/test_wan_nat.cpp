@@ -14,6 +14,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -31,7 +32,7 @@ using Address = VESK_Transport_Address_t;
 
 // Network namespaces held by descriptors only (nothing named or mounted
 // outlives the test), each made by unshare() on this thread, which goes
-// straight back home; Inside puts the thread in one while it lives.
+// straight back home.
 struct Hosts {
     int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     std::map<std::string, int> held;
@@ -43,25 +44,26 @@ struct Hosts {
         if (geteuid() != 0 || home < 0 || unshare(CLONE_NEWNET) != 0) return false;
         held[name] = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
         setns(home, CLONE_NEWNET);
-        return held[name] >= 0 && run(name, "ip link set lo up");
+        return run(name, {"ip link set lo up"});
+    }
+    // The calling thread is in the namespace while the returned guard lives.
+    std::shared_ptr<void> enter(const std::string &name) {
+        setns(held.at(name), CLONE_NEWNET);
+        return {nullptr, [this](void *) { setns(home, CLONE_NEWNET); }};
+    }
+    // Runs each program (words split at spaces) in the namespace, up to a failure.
+    bool run(const std::string &name, std::initializer_list<std::string> programs) {
+        const auto inside = enter(name);
+        for (const std::string &words : programs) {
+            if (!vesk::test::run(words)) return false;
+        }
+        return true;
     }
     // What ip(8) takes for "netns": the held descriptor through /proc.
     std::string path(const std::string &name) const {
         return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(held.at(name));
     }
-    bool run(const std::string &name, const std::string &words);
 };
-struct Inside {
-    Inside(Hosts &hosts, const std::string &name) : home(hosts.home) {
-        setns(hosts.held.at(name), CLONE_NEWNET);
-    }
-    ~Inside() { setns(home, CLONE_NEWNET); }
-    int home;
-};
-bool Hosts::run(const std::string &name, const std::string &words) {
-    Inside inside(*this, name);
-    return vesk::test::run(words);
-}
 
 Address ipv4(const unsigned char (&bytes)[4]) {
     Address address{};
@@ -83,7 +85,7 @@ bool waitFor(Condition condition, std::chrono::milliseconds limit) {
 // 7400 and a thread that receives on it, as a participant's does.
 struct Side {
     Side(Hosts &all, const char *where, const std::string &listener) : hosts(all), name(where) {
-        Inside inside(hosts, name);  // sockets and threads there
+        const auto inside = hosts.enter(name);  // sockets and threads there
         vesk::test::PropertyList properties{{"binding_ping_period", "100"},
                                             {"binding_ping_mapping_expiration", "300"}};
         if (!listener.empty()) properties.add("wan_listener_ptr", listener);
@@ -115,7 +117,7 @@ struct Side {
         if (plugin != nullptr) plugin->delete_cEA(plugin, nullptr);
     }
     bool sendTo(const Address &to, VESK_Transport_Port_t port, std::string text) {
-        Inside inside(hosts, name);
+        const auto inside = hosts.enter(name);
         if (send == nullptr && !plugin->create_sendresource_srEA(plugin, &send, &to, port, 0))
             return false;
         VESK_Transport_Buffer_t buffer{KEL_INT32(text.size()), text.data()};
@@ -158,27 +160,21 @@ TEST(WanNat, PingsThroughTheNatResolveItsMappingAndCarryUserData) {
     if (!hosts.make("private") || !hosts.make("router") || !hosts.make("public")) {
         GTEST_SKIP() << "cannot make network namespaces here (not root, or no ip)";
     }
-    const std::pair<const char *, std::string> setup[] = {
-        {"router", "ip link add r-in type veth peer name p-eth netns " + hosts.path("private")},
-        {"router", "ip link add r-out type veth peer name q-eth netns " + hosts.path("public")},
-        {"router", "ip addr add 192.0.2.1/24 dev r-in"},
-        {"router", "ip link set r-in up"},
-        {"router", "ip addr add 198.51.100.1/24 dev r-out"},
-        {"router", "ip link set r-out up"},
-        {"router", "sysctl -qw net.ipv4.ip_forward=1"},
-        {"private", "ip addr add 192.0.2.2/24 dev p-eth"},
-        {"private", "ip link set p-eth up"},
-        {"private", "ip route add default via 192.0.2.1"},
-        {"public", "ip addr add 198.51.100.2/24 dev q-eth"},
-        {"public", "ip link set q-eth up"},
-    };
-    for (const auto &[where, words] : setup) ASSERT_TRUE(hosts.run(where, words)) << words;
-    if (!hosts.run("router", "nft add table ip nat") ||
-        !hosts.run("router",
-                   "nft add chain ip nat post { type nat hook postrouting priority 100 ; }") ||
-        !hosts.run("router",
-                   "nft add rule ip nat post oifname r-out meta l4proto udp masquerade "
-                   "to :40000-40999")) {
+    ASSERT_TRUE(hosts.run(
+        "router", {"ip link add r-in type veth peer name p-eth netns " + hosts.path("private"),
+                   "ip link add r-out type veth peer name q-eth netns " + hosts.path("public"),
+                   "ip addr add 192.0.2.1/24 dev r-in", "ip link set r-in up",
+                   "ip addr add 198.51.100.1/24 dev r-out", "ip link set r-out up",
+                   "sysctl -qw net.ipv4.ip_forward=1"}));
+    ASSERT_TRUE(hosts.run("private", {"ip addr add 192.0.2.2/24 dev p-eth", "ip link set p-eth up",
+                                      "ip route add default via 192.0.2.1"}));
+    ASSERT_TRUE(
+        hosts.run("public", {"ip addr add 198.51.100.2/24 dev q-eth", "ip link set q-eth up"}));
+    if (!hosts.run("router",
+                   {"nft add table ip nat",
+                    "nft add chain ip nat post { type nat hook postrouting priority 100 ; }",
+                    "nft add rule ip nat post oifname r-out meta l4proto udp masquerade to "
+                    ":40000-40999"})) {
         GTEST_SKIP() << "nftables refuses the masquerade rule in the router namespace";
     }
     Resolved resolved;

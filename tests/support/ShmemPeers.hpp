@@ -3,14 +3,12 @@
 #pragma once
 
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -77,29 +75,13 @@ struct Sender {
 };
 
 // Keys of this test process only (its pid in the offsets), so parallel runs
-// never meet; every segment of these keys must be gone when a test ends, and
-// descriptors back to what they were. Old dead segments of crashed runs go
-// first (a fresh one may be a test running now in another process).
+// never meet; a test leaves no segment of these keys (a crashed run's are
+// taken over by the next receiver on the port) and no descriptor open.
 class ShmemTraffic : public ::testing::Test {
 protected:
-    static constexpr int kKeySpace = 0x20000000;
-    const int base = kKeySpace + (getpid() & 0xFFFF) * 0x100;
-
-    static int openDescriptors() {
-        return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                              std::filesystem::directory_iterator()));
-    }
-    void SetUp() override {
-        for (const auto &segment : vesk::shmem::listSegments()) {
-            const int key = segment.header.segment_key;
-            struct stat status {};
-            if (!segment.alive && key >= kKeySpace && key < kKeySpace + 0x1000000 &&
-                stat(("/dev/shm" + segment.name).c_str(), &status) == 0 &&
-                time(nullptr) - status.st_mtime > 60) {
-                shm_unlink(segment.name.c_str());
-            }
-        }
-        fdsBefore = openDescriptors();
+    const int base = 0x20000000 + (getpid() & 0xFFFF) * 0x100;
+    static long openDescriptors() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
     void TearDown() override {
         for (int port = 1; port <= 16; ++port) {
@@ -107,6 +89,7 @@ protected:
         }
         EXPECT_EQ(fdsBefore, openDescriptors());
     }
+    const long fdsBefore = openDescriptors();
 
     // A factory-built plugin on this test's keys, with extra properties.
     PluginPtr plugin(const std::vector<std::pair<std::string, std::string>> &extra = {}) {
@@ -129,8 +112,6 @@ protected:
         waitpid(pid, &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
-
-    int fdsBefore = 0;
 };
 
 // Waits (at most two seconds) for a condition.
