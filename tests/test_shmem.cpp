@@ -6,8 +6,6 @@
 
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "support/ShmemPeers.hpp"
 #include "support/TestSupport.hpp"
@@ -17,6 +15,7 @@
 namespace {
 
 using namespace vesk::test;
+using Strings = std::vector<std::string>;
 
 // A record pointing at test-owned lists and prefix.
 struct Source {
@@ -132,8 +131,7 @@ TEST(ShmemConstructor, RefusesRecordsItCannotRunWithAndAcceptsTheLimits) {
     LogCapture log;
     EXPECT_EQ(VESK_Transport_Shmem_newI(nullptr), nullptr);
     EXPECT_EQ(log.summary(),
-              std::vector<std::string>{
-                  "KEL_LOG_CREATION_FAILURE_s(SHMEM transport: property_in is NULL)"});
+              Strings{"KEL_LOG_CREATION_FAILURE_s(SHMEM transport: property_in is NULL)"});
 }
 
 TEST(ShmemConstructor, EveryAllocationFailureLeavesNothing) {
@@ -149,8 +147,7 @@ TEST(ShmemConstructor, EveryAllocationFailureLeavesNothing) {
         if (plugin != nullptr) break;
         ++failures;
         EXPECT_EQ(liveHeapBlocks(), before);
-        EXPECT_EQ(log.summary(), std::vector<std::string>{
-                                     "KEL_LOG_ANY_FAILURE_s(SHMEM transport: out of memory)"});
+        EXPECT_EQ(log.summary(), Strings{"KEL_LOG_ANY_FAILURE_s(SHMEM transport: out of memory)"});
     }
     EXPECT_EQ(failures, 4);  // the plugin, the list array, its string, the prefix
 }
@@ -171,14 +168,11 @@ TEST(ShmemPlugin, EntryPortsMustGiveUsableKeys) {
         {"negative offset, positive key", -10, 1, 11, 1},
         {"negative offset, key 0", -10, 1, 10, 0},
     };
+    PluginPtr plugin(VESK_Transport_Shmem_newI(&VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT));
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        Record property = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
-        property.semaphoreKeyOffset = row.offset;
-        property.semaphoreKeyFactor = row.factor;
-        PluginPtr plugin(VESK_Transport_Shmem_newI(&property));
-        ASSERT_NE(plugin, nullptr);
-        EXPECT_EQ(plugin->is_valid_entry_port(plugin.get(), row.port), row.valid);
+        recordOf(plugin.get()).semaphoreKeyOffset = row.offset;
+        recordOf(plugin.get()).semaphoreKeyFactor = row.factor;
+        EXPECT_EQ(plugin->is_valid_entry_port(plugin.get(), row.port), row.valid) << row.what;
     }
 }
 

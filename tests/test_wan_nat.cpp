@@ -65,12 +65,6 @@ struct Hosts {
     }
 };
 
-Address ipv4(const unsigned char (&bytes)[4]) {
-    Address address{};
-    std::memcpy(address.network_ordered_value + 12, bytes, 4);
-    return address;
-}
-
 template <class Condition>
 bool waitFor(Condition condition, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -192,7 +186,8 @@ TEST(WanNat, PingsThroughTheNatResolveItsMappingAndCarryUserData) {
         // port_offset 125): from then on it pings it every 100 ms from its
         // receive socket.
         const auto started = std::chrono::steady_clock::now();
-        ASSERT_TRUE(inside_nat.sendTo(ipv4({198, 51, 100, 2}), 7525, "to the public side"));
+        const Address public_side{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 198, 51, 100, 2}};
+        ASSERT_TRUE(inside_nat.sendTo(public_side, 7525, "to the public side"));
         ASSERT_TRUE(waitFor([&] { return outside.info().pings_received >= 5; }, 2s));
         const auto elapsed = std::chrono::steady_clock::now() - started;
         EXPECT_TRUE(elapsed >= 350ms && elapsed <= 1200ms) << "five pings are not one per period";
@@ -201,7 +196,7 @@ TEST(WanNat, PingsThroughTheNatResolveItsMappingAndCarryUserData) {
         // the router's outside address and the port the NAT chose.
         ASSERT_TRUE(waitFor([&] { return inside_nat.info().resolved == 1; }, 1s));
         const VESK_Transport_UDP_WAN_PingInfo seen = outside.info();
-        const Address router = ipv4({198, 51, 100, 1});
+        const Address router{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 198, 51, 100, 1}};
         EXPECT_EQ(0, std::memcmp(&seen.last_pinged_by, &router, 16));
         EXPECT_TRUE(seen.last_pinged_by_port >= 40000 && seen.last_pinged_by_port <= 40999);
         {
