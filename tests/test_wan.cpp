@@ -3,8 +3,10 @@
 // unregistered listeners, and the ping engine over loopback.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cinttypes>
@@ -48,6 +50,17 @@ struct UdpSocket {
     void sendTo(const UdpSocket &to, const Bytes &bytes) const {
         sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&to.address),
                to.length);
+    }
+};
+
+// The calling thread in a network namespace of its own (lo up) while this
+// lives; unlike the shared guard, it also runs under valgrind.
+struct OwnNamespace {
+    int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    bool ok = geteuid() == 0 && unshare(CLONE_NEWNET) == 0 && vesk::test::run("ip link set lo up");
+    ~OwnNamespace() {
+        setns(home, CLONE_NEWNET);
+        close(home);
     }
 };
 
@@ -247,7 +260,8 @@ TEST(WanListeners, UnregisteredPointersAreRefused) {
 // (or the offset one) and count their mapping. In a namespace of its own, so
 // that the ports are surely free.
 TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
-    VESK_ENTER_NET_NAMESPACE(inside);
+    const OwnNamespace inside;
+    if (!inside.ok) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
     auto threads = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
     };
