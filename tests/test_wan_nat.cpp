@@ -217,12 +217,10 @@ TEST(WanNat, PingsThroughTheNatResolveItsMappingAndCarryUserData) {
         EXPECT_EQ("to the private side", inside_nat.received()[0]);
         EXPECT_EQ(std::vector<std::string>{"to the public side"}, outside.received());
 
-        // Generation off: the pings stop and the public side forgets the peer.
+        // Generation off (its effect on the pings: in test_wan): the public
+        // side forgets the peer after its 300 ms expiration.
         ASSERT_EQ(1, VESK_Transport_UDP_change_binding_ping_generation(inside_nat.plugin, 0));
         ASSERT_TRUE(waitFor([&] { return outside.info().peer_count == 0; }, 2s));
-        const KEL_UINT64 pings = outside.info().pings_received;
-        std::this_thread::sleep_for(250ms);
-        EXPECT_EQ(pings, outside.info().pings_received);
 
         // Statistics, now settled: pings and answers apart from the user datagrams.
         VESK_Transport_UDP_Statistics sender{};
