@@ -161,6 +161,8 @@ TEST(WanPeers, ExpireReplaceTheLeastRecentAndLimitWarnings) {
     EXPECT_TRUE(!table.contains(a) && table.contains(c));
     table.expire(1'000'000, 0);  // 0: never
     EXPECT_EQ(1u, table.size());
+    PeerTable none(0);  // no room: every peer is news, and none is kept
+    EXPECT_TRUE(none.touch(a, 0) && none.touch(a, 1) && none.size() == 0);
     EXPECT_EQ(3000u, effectiveExpiration(1000, 0));
     EXPECT_EQ(50u, effectiveExpiration(1000, 50));
 
@@ -412,6 +414,8 @@ TEST(WanEngine, ResolvesOnceRefusesForgeriesAndExpires) {
     pinger.tick(1200);
     EXPECT_EQ(3u, infoOf(pinger).pings_sent);
     EXPECT_EQ(3u, statisticsOf(plugin).binding_ping_event_count);  // rounds that sent a ping
+    EXPECT_TRUE(pinger.removeSocket(a.fd, removed_port) && removed_port == 7400);
+    EXPECT_FALSE(pinger.removeSocket(a.fd, removed_port));  // removed once only
     plugin->delete_cEA(plugin, nullptr);
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 }
