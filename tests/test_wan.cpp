@@ -145,6 +145,7 @@ TEST(WanPing, LayoutAndMalformedTable) {
         EXPECT_STREQ(row.text, pingErrorText(row.error));
         EXPECT_EQ(77u, untouched.sequence);
     }
+    EXPECT_STREQ("unknown error", pingErrorText(static_cast<PingError>(99)));
 }
 
 TEST(WanPeers, ExpireReplaceTheLeastRecentAndLimitWarnings) {
@@ -312,9 +313,17 @@ TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
                                  "1..65535"})});
     plugin->destroy_recvresource_rrEA(plugin, &mapped);
     EXPECT_EQ(0, refCount());
-    EXPECT_NE(-1, UdpSocket(47000).fd);    // released
-    plugin->delete_cEA(plugin, nullptr);   // closes the other resource
-    EXPECT_EQ(threads_before, threads());  // the ping timer is joined
+    EXPECT_NE(-1, UdpSocket(47000).fd);   // released
+    plugin->delete_cEA(plugin, nullptr);  // closes the other resource
+    // A default element with a host port is element 0, and counted too.
+    plugin = makeWan({{"comm_ports", R"({"default": {"host": 47400}, "mappings": []})"}});
+    port = 9999;
+    ASSERT_EQ(1, plugin->create_recvresource_rrEA(plugin, &mapped, &port, nullptr, 0));
+    VESK_Transport_UDP_WAN_PortMapping mapping{};
+    ASSERT_EQ(1, VESK_Transport_UDP_WAN_get_mapping(plugin, 9999, &mapping));
+    EXPECT_TRUE(mapping.host_port == 47400 && mapping.mapping_index == 0 && mapping.ref_count == 1);
+    plugin->delete_cEA(plugin, nullptr);
+    EXPECT_EQ(threads_before, threads());  // the ping timers are joined
     EXPECT_EQ(1, VESK_Transport_UDP_WAN_unregister_listener(&listener));
 }
 
