@@ -303,7 +303,7 @@ TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
     VESK_Transport_SendResource_t s = nullptr;
     VESK_Transport_Port_t port13 = 13, port14 = 14, port0 = 0;
     const VESK_Transport_Address_t multicast{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 239, 255, 0, 1}};
-    VESK_Transport_Address_t own = recordOf(p.get()).shmemUUID, other = multicast;
+    VESK_Transport_Address_t own = recordOf(p.get()).shmemUUID, other = multicast, none{};
     const std::string noReceiver = "no segment " + segmentName(base + 14) +
                                    " for port 14 in this IPC namespace (no receiver, or the "
                                    "receiver is in another container): use UDP";
@@ -341,6 +341,8 @@ TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
          "port 13 is in use by process " + std::to_string(getpid())},
         {[&] { return p->create_sendresource_srEA(p.get(), &s, &other, 13, 0); }, otherHost},
         {[&] { return p->create_sendresource_srEA(p.get(), &s, &own, 14, 0); }, noReceiver},
+        {[&] { return p->create_sendresource_srEA(p.get(), &s, &own, 0x70000000, 0); },
+         "port 1879048192 gives a key outside 1..2147483647"},
         {[&] { return sm->share_recvresource_rrEA(sm, &hr, nullptr, 14, 0); },
          "the resource's port (13) or address differs: not shared"},
         {[&] { return sm->unshare_recvresource_rrEA(sm, &hr, nullptr, 13); }, noShare},
@@ -348,7 +350,7 @@ TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
     };
     {  // shares are counted: each one is undone once, then no more
         LogCapture quiet;
-        EXPECT_EQ(1, sm->share_recvresource_rrEA(sm, &hr, nullptr, 13, 0));
+        EXPECT_EQ(1, sm->share_recvresource_rrEA(sm, &hr, &none, 13, 0));  // no address: unicast
         EXPECT_EQ(1, sm->unshare_recvresource_rrEA(sm, &hr, nullptr, 13));
         EXPECT_EQ(1, p->share_sendresource_srEA(p.get(), &mr, &own, 13, 0));
         EXPECT_EQ(1, p->unshare_sendresource_srEA(p.get(), &mr, &own, 13, 0));

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -76,20 +77,30 @@ struct Sender {
 
 // Keys of this test process only (its pid in the offsets), so parallel runs
 // never meet; a test leaves no segment of these keys (a crashed run's are
-// taken over by the next receiver on the port) and no descriptor open.
+// taken over by the next receiver on the port), no descriptor open and no
+// mapping in place.
 class ShmemTraffic : public ::testing::Test {
 protected:
     const int base = 0x20000000 + (getpid() & 0xFFFF) * 0x100;
     static long openDescriptors() {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
+    static int sharedMappings() {  // of shared-memory objects, by this process
+        std::ifstream maps("/proc/self/maps");
+        int count = 0;
+        for (std::string line; std::getline(maps, line);)
+            count += line.find(" /dev/shm/") != line.npos;
+        return count;
+    }
     void TearDown() override {
         for (int port = 1; port <= 16; ++port) {
             EXPECT_NE(0, shm_unlink(vesk::shmem::segmentName(base + port).c_str())) << port;
         }
         EXPECT_EQ(fdsBefore, openDescriptors());
+        EXPECT_EQ(mappingsBefore, sharedMappings());
     }
     const long fdsBefore = openDescriptors();
+    const int mappingsBefore = sharedMappings();
 
     // A factory-built plugin on this test's keys, with extra properties.
     PluginPtr plugin(const std::vector<std::pair<std::string, std::string>> &extra = {}) {
