@@ -6,62 +6,23 @@
 
 #include <cstring>
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
+#include "support/ShmemPeers.hpp"
 #include "support/TestSupport.hpp"
 #include "vesk_transport/platform/Heap.h"
-#include "vesk_transport/platform/Shmem.h"
 #include "vesk_transport/platform/Udp.h"
 
 namespace {
 
-using vesk::test::liveHeapBlocks;
-using vesk::test::LogCapture;
-
-// The factory's default record.
-VESK_Transport_Shmem_Property_t defaults() {
-    VESK_Transport_Shmem_Property_t p{};
-    p.parent.classid = VESK_TRANSPORT_CLASSID_SHMEM;
-    p.parent.address_bit_count = -96;
-    p.parent.properties_bitmap = VESK_TRANSPORT_PROPERTY_BIT_BUFFER_ALWAYS_LOANED;
-    p.parent.gather_send_buffer_count_max = 1024;
-    p.parent.message_size_max = 65536;
-    p.parent.max_interface_count = -1;
-    p.received_message_count_max = 64;
-    p.receive_buffer_size = 1048576;
-    p.udp_debugging_address.network_ordered_value[12] = 239;
-    p.udp_debugging_address.network_ordered_value[13] = 255;
-    p.udp_debugging_address.network_ordered_value[14] = 1;
-    p.udp_debugging_address.network_ordered_value[15] = 2;
-    p.udp_debugging_port = 7399;
-    p.segmentKeyOffset = 0x400000;
-    p.segmentKeyFactor = 1;
-    p.semaphoreKeyOffset = 0x800000;
-    p.semaphoreKeyFactor = 1;
-    p.mutexKeyOffset = 0xB00000;
-    p.mutexKeyFactor = 1;
-    p.maxAllowedWriterDurationMillisec = 1000;
-    p.majorVersion = 2;
-    return p;
-}
-
-struct PluginDeleter {
-    void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
-};
-using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
-
-const VESK_Transport_Shmem_Property_t &shmemRecord(const VESK_Transport_Plugin *plugin) {
-    return *reinterpret_cast<const VESK_Transport_Shmem_Property_t *>(plugin->property);
-}
+using namespace vesk::test;
+using Strings = std::vector<std::string>;
 
 // A record pointing at test-owned lists and prefix.
 struct Source {
     char name[5] = "shm0";
     char prefix[5] = "shm#";
     char *deny[1] = {name};
-    VESK_Transport_Shmem_Property_t record = defaults();
+    Record record = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
     Source() {
         record.parent.deny_interfaces_list = deny;
         record.parent.deny_interfaces_list_length = 1;
@@ -70,143 +31,107 @@ struct Source {
     }
 };
 
-TEST(ShmemConstructor, BuildsFromTheDefaultsAndKeepsItsOwnCopy) {
+TEST(ShmemConstructor, KeepsItsOwnCopyAndReportsItsSegmentAsTheOneInterface) {
     Source source;
     PluginPtr plugin(VESK_Transport_Shmem_newI(&source.record));
     ASSERT_NE(plugin, nullptr);
-    EXPECT_STREQ(plugin->get_class_name_cEA(plugin.get()), "SHMEM");
-    EXPECT_EQ(plugin->property->classid, VESK_TRANSPORT_CLASSID_SHMEM);
-    EXPECT_EQ(plugin->multicastInterfaceEnabled, 0);
-    EXPECT_EQ(VESK_Transport_UDP_isUdpPlugin(plugin.get()), 0);
+    VESK_Transport_Plugin *self = plugin.get();
+    EXPECT_STREQ(self->get_class_name_cEA(self), "SHMEM");
+    EXPECT_EQ(self->property->classid, VESK_TRANSPORT_CLASSID_SHMEM);
+    EXPECT_EQ(self->multicastInterfaceEnabled, 0);
+    EXPECT_EQ(VESK_Transport_UDP_isUdpPlugin(self), 0);
+    VESK_Transport_UDP_Statistics statistics{};  // UDP operations refuse it
+    EXPECT_EQ(VESK_Transport_UDP_get_statistics(self, &statistics), 0);
     std::strcpy(source.name, "xxxx");
-    const VESK_Transport_Shmem_Property_t &kept = shmemRecord(plugin.get());
-    EXPECT_STREQ(kept.parent.deny_interfaces_list[0], "shm0");
-    EXPECT_NE(kept.parent.thread_name_prefix, source.prefix);
-    EXPECT_EQ(kept.mutexKeyOffset, 0xB00000);
-    // UDP operations refuse a shared-memory plugin.
-    VESK_Transport_UDP_Statistics statistics{};
-    EXPECT_EQ(VESK_Transport_UDP_get_statistics(plugin.get(), &statistics), 0);
+    EXPECT_STREQ(recordOf(self).parent.deny_interfaces_list[0], "shm0");
+    EXPECT_NE(recordOf(self).parent.thread_name_prefix, source.prefix);
+    VESK_Transport_Interface_t array[2]{};
+    int more = -1, reported = -1;
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, array, 2), 1);
+    EXPECT_TRUE(reported == 1 && more == 0 && array[0].status == 1u);
+    EXPECT_EQ(array[0].transport_classid, VESK_TRANSPORT_CLASSID_SHMEM);
+    EXPECT_EQ(std::memcmp(&array[0].address, &source.record.shmemUUID, 16), 0);
+    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, nullptr, 0), 1);
+    EXPECT_TRUE(reported == 0 && more == 1);
+    EXPECT_EQ(self->get_receive_interfaces_cEA(self, &more, nullptr, array, 2), 0);
 }
 
-TEST(ShmemConstructor, RefusesRecordsItCannotRunWith) {
-    using Change = std::function<void(VESK_Transport_Shmem_Property_t &)>;
-    struct Row {
-        Change change;
-        const char *message;
-    };
+// Each rule refused with its message (nullptr: a limit it still accepts).
+TEST(ShmemConstructor, RefusesRecordsItCannotRunWithAndAcceptsTheLimits) {
     char longPrefix[] = "123456789";
-    const std::vector<Row> rows = {
-        {[](auto &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
-         "SHMEM transport: parent.classid is not 0x01000000 (SHMEM)"},
-        {[](auto &p) { p.parent.message_size_max = 0; },
-         "SHMEM transport: parent.message_size_max is below 1"},
-        {[](auto &p) { p.parent.gather_send_buffer_count_max = -1; },
-         "SHMEM transport: parent.gather_send_buffer_count_max is below 1"},
-        {[](auto &p) { p.parent.allow_interfaces_list_length = 1; },
-         "SHMEM transport: parent.allow_interfaces_list is NULL with a positive length"},
-        {[&](auto &p) { p.parent.thread_name_prefix = longPrefix; },
-         "SHMEM transport: parent.thread_name_prefix is longer than 8 characters"},
-        {[](auto &p) { p.received_message_count_max = 0; },
-         "SHMEM transport: received_message_count_max is below 1"},
-        {[](auto &p) { p.receive_buffer_size = 65535; },
-         "SHMEM transport: receive_buffer_size is below parent.message_size_max"},
-        {[](auto &p) { p.segmentKeyFactor = 0; }, "SHMEM transport: segmentKeyFactor is below 1"},
-        {[](auto &p) { p.semaphoreKeyFactor = -1; },
-         "SHMEM transport: semaphoreKeyFactor is below 1"},
-        {[](auto &p) { p.mutexKeyFactor = 0; }, "SHMEM transport: mutexKeyFactor is below 1"},
-        {[](auto &p) { p.majorVersion = 3; }, "SHMEM transport: majorVersion is not 1, 2, 4 or 5"},
-        {[](auto &p) { p.majorVersion = 0; }, "SHMEM transport: majorVersion is not 1, 2, 4 or 5"},
-        {[](auto &p) { p.majorVersion = 6; }, "SHMEM transport: majorVersion is not 1, 2, 4 or 5"},
-        {[](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_port = 65536;
-         },
-         "SHMEM transport: udp_debugging_port is outside 1..65535"},
-        {[](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_port = 0;
-         },
-         "SHMEM transport: udp_debugging_port is outside 1..65535"},
-        {[](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_address.network_ordered_value[12] = 192;
-         },
-         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
-        {[](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_address.network_ordered_value[12] = 223;
-         },
-         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
-        {[](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_address.network_ordered_value[12] = 240;
-         },
-         "SHMEM transport: udp_debugging_address must be an IPv4 multicast or loopback address"},
+    const char *badVersion = "majorVersion is not 1, 2, 4 or 5";
+    const char *badPort = "udp_debugging_port is outside 1..65535";
+    const char *badAddress = "udp_debugging_address must be an IPv4 multicast or loopback address";
+    auto version = [](int v) { return [=](Record &p) { p.majorVersion = KEL_INT16(v); }; };
+    auto debugging = [](int port, int first) {
+        return [=](Record &p) {
+            p.enable_udp_debugging = 1;
+            p.udp_debugging_port = port;
+            p.udp_debugging_address.network_ordered_value[12] = static_cast<unsigned char>(first);
+        };
+    };
+    const struct Row {
+        std::function<void(Record &)> change;
+        const char *message;
+    } rows[] = {
+        {[](Record &p) { p.parent.classid = VESK_TRANSPORT_CLASSID_UDPv4; },
+         "parent.classid is not 0x01000000 (SHMEM)"},
+        {[](Record &p) { p.parent.message_size_max = 0; }, "parent.message_size_max is below 1"},
+        {[](Record &p) { p.parent.gather_send_buffer_count_max = -1; },
+         "parent.gather_send_buffer_count_max is below 1"},
+        {[](Record &p) { p.parent.allow_interfaces_list_length = 1; },
+         "parent.allow_interfaces_list is NULL with a positive length"},
+        {[&](Record &p) { p.parent.thread_name_prefix = longPrefix; },
+         "parent.thread_name_prefix is longer than 8 characters"},
+        {[](Record &p) { p.received_message_count_max = 0; },
+         "received_message_count_max is below 1"},
+        {[](Record &p) { p.received_message_count_max = 1; }, nullptr},
+        {[](Record &p) { p.receive_buffer_size = 65535; },
+         "receive_buffer_size is below parent.message_size_max"},
+        {[](Record &p) { p.receive_buffer_size = 65536; }, nullptr},
+        {[](Record &p) { p.segmentKeyFactor = 0; }, "segmentKeyFactor is below 1"},
+        {[](Record &p) { p.semaphoreKeyFactor = -1; }, "semaphoreKeyFactor is below 1"},
+        {[](Record &p) { p.mutexKeyFactor = 0; }, "mutexKeyFactor is below 1"},
+        {version(0), badVersion},
+        {version(1), nullptr},
+        {version(3), badVersion},
+        {version(4), nullptr},
+        {version(5), nullptr},
+        {version(6), badVersion},
+        {debugging(65536, 239), badPort},
+        {debugging(0, 239), badPort},
+        {debugging(65535, 239), nullptr},
+        {debugging(7399, 192), badAddress},
+        {debugging(7399, 223), badAddress},
+        {debugging(7399, 240), badAddress},
+        {debugging(7399, 224), nullptr},
+        {debugging(7399, 127), nullptr},
+        {[](Record &p) { p.udp_debugging_port = 70000; }, nullptr},  // debugging off
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.message);
-        VESK_Transport_Shmem_Property_t property = defaults();
+        SCOPED_TRACE(row.message ? row.message : "accepted");
+        Record property = VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT;
         row.change(property);
         LogCapture log;
         const KEL_UINT64 before = liveHeapBlocks();
-        EXPECT_EQ(VESK_Transport_Shmem_newI(&property), nullptr);
+        PluginPtr plugin(VESK_Transport_Shmem_newI(&property));
+        EXPECT_EQ(row.message == nullptr, plugin != nullptr);
+        if (row.message == nullptr) {
+            EXPECT_TRUE(log.entries().empty());
+            continue;
+        }
         EXPECT_EQ(liveHeapBlocks(), before);
         const auto entries = log.entries();
         ASSERT_EQ(entries.size(), 1u);
-        EXPECT_EQ(entries[0].template_name, "KEL_LOG_CREATION_FAILURE_s");
         EXPECT_EQ(entries[0].function, "VESK_Transport_Shmem_newI");
         EXPECT_EQ(entries[0].level, static_cast<KEL_UINT32>(KEL_LOG_BIT_ERROR));
-        EXPECT_EQ(entries[0].params, std::vector<std::string>{row.message});
+        EXPECT_EQ(log.summary()[0], summarize("KEL_LOG_CREATION_FAILURE_s",
+                                              {"SHMEM transport: " + std::string(row.message)}));
     }
     LogCapture log;
     EXPECT_EQ(VESK_Transport_Shmem_newI(nullptr), nullptr);
     EXPECT_EQ(log.summary(),
-              std::vector<std::string>{
-                  "KEL_LOG_CREATION_FAILURE_s(SHMEM transport: property_in is NULL)"});
-}
-
-TEST(ShmemConstructor, AcceptsTheLimitsOfEachRule) {
-    using Change = std::function<void(VESK_Transport_Shmem_Property_t &)>;
-    struct Row {
-        const char *what;
-        Change change;
-    };
-    const std::vector<Row> rows = {
-        {"buffer of one message", [](auto &p) { p.receive_buffer_size = 65536; }},
-        {"one message", [](auto &p) { p.received_message_count_max = 1; }},
-        {"format 1", [](auto &p) { p.majorVersion = 1; }},
-        {"format 4", [](auto &p) { p.majorVersion = 4; }},
-        {"format 5", [](auto &p) { p.majorVersion = 5; }},
-        {"debugging port 65535",
-         [](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_port = 65535;
-         }},
-        {"debugging to 224.x",
-         [](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_address.network_ordered_value[12] = 224;
-         }},
-        {"debugging to 127.x",
-         [](auto &p) {
-             p.enable_udp_debugging = 1;
-             p.udp_debugging_address.network_ordered_value[12] = 127;
-         }},
-        {"debugging off ignores the port",
-         [](auto &p) {
-             p.enable_udp_debugging = 0;
-             p.udp_debugging_port = 70000;
-         }},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        VESK_Transport_Shmem_Property_t property = defaults();
-        row.change(property);
-        LogCapture log;
-        PluginPtr plugin(VESK_Transport_Shmem_newI(&property));
-        EXPECT_NE(plugin, nullptr);
-        EXPECT_TRUE(log.entries().empty());
-    }
+              Strings{"KEL_LOG_CREATION_FAILURE_s(SHMEM transport: property_in is NULL)"});
 }
 
 TEST(ShmemConstructor, EveryAllocationFailureLeavesNothing) {
@@ -217,49 +142,23 @@ TEST(ShmemConstructor, EveryAllocationFailureLeavesNothing) {
         LogCapture log;
         const KEL_UINT64 before = liveHeapBlocks();
         KELOsapiHeap_failAllocationAfter(n);
-        VESK_Transport_Plugin *plugin = VESK_Transport_Shmem_newI(&source.record);
+        PluginPtr plugin(VESK_Transport_Shmem_newI(&source.record));
         KELOsapiHeap_failAllocationAfter(0);
-        if (plugin != nullptr) {
-            plugin->delete_cEA(plugin, nullptr);
-            break;
-        }
+        if (plugin != nullptr) break;
         ++failures;
         EXPECT_EQ(liveHeapBlocks(), before);
-        EXPECT_EQ(log.summary(), std::vector<std::string>{
-                                     "KEL_LOG_ANY_FAILURE_s(SHMEM transport: out of memory)"});
+        EXPECT_EQ(log.summary(), Strings{"KEL_LOG_ANY_FAILURE_s(SHMEM transport: out of memory)"});
     }
     EXPECT_EQ(failures, 4);  // the plugin, the list array, its string, the prefix
 }
 
-TEST(ShmemPlugin, ReportsItsSegmentAsTheOneInterface) {
-    Source source;
-    PluginPtr plugin(VESK_Transport_Shmem_newI(&source.record));
-    ASSERT_NE(plugin, nullptr);
-    VESK_Transport_Plugin *self = plugin.get();
-    VESK_Transport_Interface_t array[2]{};
-    int more = -1;
-    int reported = -1;
-    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, array, 2), 1);
-    EXPECT_EQ(reported, 1);
-    EXPECT_EQ(more, 0);
-    EXPECT_EQ(array[0].transport_classid, VESK_TRANSPORT_CLASSID_SHMEM);
-    EXPECT_EQ(std::memcmp(&array[0].address, &source.record.shmemUUID, 16), 0);
-    EXPECT_EQ(array[0].status, 1u);
-    ASSERT_EQ(self->get_receive_interfaces_cEA(self, &more, &reported, nullptr, 0), 1);
-    EXPECT_EQ(reported, 0);
-    EXPECT_EQ(more, 1);
-    EXPECT_EQ(self->get_receive_interfaces_cEA(self, &more, nullptr, array, 2), 0);
-}
-
 TEST(ShmemPlugin, EntryPortsMustGiveUsableKeys) {
-    struct Row {
+    const struct Row {
         const char *what;
-        KEL_INT32 offset;
-        KEL_INT32 factor;
+        KEL_INT32 offset, factor;
         VESK_Transport_Port_t port;
         int valid;
-    };
-    const std::vector<Row> rows = {
+    } rows[] = {
         {"default keys", 0x400000, 1, 7410, 1},
         {"port 0 with an offset", 0x400000, 1, 0, 1},
         {"key 0 would be private", 0, 1, 0, 0},
@@ -269,14 +168,11 @@ TEST(ShmemPlugin, EntryPortsMustGiveUsableKeys) {
         {"negative offset, positive key", -10, 1, 11, 1},
         {"negative offset, key 0", -10, 1, 10, 0},
     };
+    PluginPtr plugin(VESK_Transport_Shmem_newI(&VESK_TRANSPORT_SHMEM_PROPERTY_DEFAULT));
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
-        VESK_Transport_Shmem_Property_t property = defaults();
-        property.semaphoreKeyOffset = row.offset;
-        property.semaphoreKeyFactor = row.factor;
-        PluginPtr plugin(VESK_Transport_Shmem_newI(&property));
-        ASSERT_NE(plugin, nullptr);
-        EXPECT_EQ(plugin->is_valid_entry_port(plugin.get(), row.port), row.valid);
+        recordOf(plugin.get()).semaphoreKeyOffset = row.offset;
+        recordOf(plugin.get()).semaphoreKeyFactor = row.factor;
+        EXPECT_EQ(plugin->is_valid_entry_port(plugin.get(), row.port), row.valid) << row.what;
     }
 }
 

@@ -1,17 +1,16 @@
-// Shared-memory traffic tests: plugins on keys of their own, counted
-// descriptors and segments, and forked peers.
+// Shared-memory traffic tests: plugins on keys of their own, senders and
+// receivers, counted descriptors and segments, and forked peers.
 #pragma once
 
-#include <dirent.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,58 +25,85 @@
 namespace vesk::test {
 
 struct PluginDeleter {
-    void operator()(VESK_Transport_Plugin *plugin) const {
-        if (plugin != nullptr) plugin->delete_cEA(plugin, nullptr);
-    }
+    void operator()(VESK_Transport_Plugin *plugin) const { plugin->delete_cEA(plugin, nullptr); }
 };
 using PluginPtr = std::unique_ptr<VESK_Transport_Plugin, PluginDeleter>;
+using Record = VESK_Transport_Shmem_Property_t;
 
-inline int countEntries(const char *directory, const char *prefix) {
-    int count = 0;
-    if (DIR *dir = opendir(directory)) {
-        while (dirent *entry = readdir(dir)) {
-            if (std::strncmp(entry->d_name, prefix, std::strlen(prefix)) == 0) ++count;
-        }
-        closedir(dir);
-    }
-    return count;
+inline Record &recordOf(const VESK_Transport_Plugin *p) {
+    return *const_cast<Record *>(reinterpret_cast<const Record *>(p->property));
 }
 
+struct Receiver {
+    VESK_Transport_Plugin *plugin;
+    VESK_Transport_Port_t port;
+    VESK_Transport_RecvResource_t resource = nullptr;
+    bool open() { return plugin->create_recvresource_rrEA(plugin, &resource, &port, nullptr, 0); }
+    ~Receiver() {
+        if (resource != nullptr) plugin->destroy_recvresource_rrEA(plugin, &resource);
+    }
+    // One message (loaned, or copied into into) as a string; "<none>" if none.
+    std::string take(std::string *into = nullptr) {
+        VESK_Transport_Message_t message{};
+        VESK_Transport_Buffer_t buffer{into ? static_cast<KEL_INT32>(into->size()) : 0,
+                                       into ? into->data() : nullptr};
+        if (!plugin->receive_rEA(plugin, &resource, into ? &buffer : nullptr, &message, nullptr))
+            return "<none>";
+        std::string text(message.buffer.pointer, static_cast<std::size_t>(message.buffer.length));
+        plugin->return_loaned_buffer_rEA(plugin, &resource, &message, nullptr);
+        return text;
+    }
+};
+
+struct Sender {
+    VESK_Transport_Plugin *plugin;
+    VESK_Transport_SendResource_t resource = nullptr;
+    bool open(VESK_Transport_Port_t port) {
+        return plugin->create_sendresource_srEA(plugin, &resource, &recordOf(plugin).shmemUUID,
+                                                port, 0);
+    }
+    ~Sender() {
+        if (resource != nullptr) plugin->destroy_sendresource_srEA(plugin, &resource);
+    }
+    // Sends head and tail (when not empty) gathered into one message.
+    int send(const std::string &head, const std::string &tail = "") {
+        const VESK_Transport_Buffer_t buffers[2] = {
+            {static_cast<KEL_INT32>(head.size()), const_cast<char *>(head.data())},
+            {static_cast<KEL_INT32>(tail.size()), const_cast<char *>(tail.data())}};
+        return plugin->send(plugin, &resource, nullptr, 0, 0, buffers, tail.empty() ? 1 : 2,
+                            nullptr);
+    }
+};
+
 // Keys of this test process only (its pid in the offsets), so parallel runs
-// never meet; every segment of these keys is removed when the fixture ends,
-// and descriptors must be back to what they were. Segments that a crashed
-// run of these tests left (their creator dead) are removed first.
+// never meet; a test leaves no segment of these keys (a crashed run's are
+// taken over by the next receiver on the port), no descriptor open and no
+// mapping in place.
 class ShmemTraffic : public ::testing::Test {
 protected:
-    static constexpr int kPorts = 16;
-    static constexpr int kKeySpace = 0x20000000;
-    const int base = kKeySpace + (getpid() & 0xFFFF) * 0x100;
-
-    void SetUp() override {
-        // Only old ones: a fresh dead segment may belong to a test running
-        // now in another process (a killed receiver it is about to take over).
-        for (const auto &segment : vesk::shmem::listSegments()) {
-            const int key = segment.header.segment_key;
-            struct stat status {};
-            const std::string path = "/dev/shm" + segment.name;
-            if (!segment.alive && key >= kKeySpace && key < kKeySpace + 0x1000000 &&
-                stat(path.c_str(), &status) == 0 && time(nullptr) - status.st_mtime > 60) {
-                shm_unlink(segment.name.c_str());
-            }
-        }
-        fdsBefore = countEntries("/proc/self/fd", "");
+    const int base = 0x20000000 + (getpid() & 0xFFFF) * 0x100;
+    static long openDescriptors() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    }
+    static int sharedMappings() {  // of shared-memory objects, by this process
+        std::ifstream maps("/proc/self/maps");
+        int count = 0;
+        for (std::string line; std::getline(maps, line);)
+            count += line.find(" /dev/shm/") != line.npos;
+        return count;
     }
     void TearDown() override {
-        int left = 0;
-        for (int port = 1; port <= kPorts; ++port) {
-            left += shm_unlink(vesk::shmem::segmentName(base + port).c_str()) == 0 ? 1 : 0;
+        for (int port = 1; port <= 16; ++port) {
+            EXPECT_NE(0, shm_unlink(vesk::shmem::segmentName(base + port).c_str())) << port;
         }
-        EXPECT_EQ(0, left) << "segments left behind";
-        EXPECT_EQ(fdsBefore, countEntries("/proc/self/fd", ""));
+        EXPECT_EQ(fdsBefore, openDescriptors());
+        EXPECT_EQ(mappingsBefore, sharedMappings());
     }
+    const long fdsBefore = openDescriptors();
+    const int mappingsBefore = sharedMappings();
 
     // A factory-built plugin on this test's keys, with extra properties.
-    PluginPtr plugin(std::vector<std::pair<std::string, std::string>> extra = {}) {
+    PluginPtr plugin(const std::vector<std::pair<std::string, std::string>> &extra = {}) {
         PropertyList properties{{"segmentKeyOffset", std::to_string(base)},
                                 {"semaphoreKeyOffset", std::to_string(base + 0x1000000)},
                                 {"mutexKeyOffset", std::to_string(base + 0x2000000)}};
@@ -85,11 +111,7 @@ protected:
         return PluginPtr(VESK_Transport_Shmem_create(nullptr, properties.get(), nullptr));
     }
 
-    static VESK_Transport_Address_t addressOf(VESK_Transport_Plugin *p) {
-        return reinterpret_cast<const VESK_Transport_Shmem_Property_t *>(p->property)->shmemUUID;
-    }
-
-    // Runs body in a child process; its exit status (0: passed), or -signal.
+    // Runs body in a child process; reap() gives its exit status, or -signal.
     template <class Body>
     static pid_t spawn(Body body) {
         const pid_t pid = fork();
@@ -101,14 +123,12 @@ protected:
         waitpid(pid, &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
-
-    int fdsBefore = 0;
 };
 
-// Waits (bounded) for a condition.
+// Waits (at most two seconds) for a condition.
 template <class Condition>
-bool eventually(Condition condition, int millis = 2000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(millis);
+bool eventually(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
