@@ -123,8 +123,9 @@ TEST(InterfaceTracking, PollingSeesEachChangeWithinTwoPeriods) {
 TEST(InterfaceTracking, StopsPromptlyAndReportsFailedLooks) {
     enum Looks { changing, failing, steady };
     const int descriptors = openDescriptorCount();
-    for (const auto &[poll, kind] :
+    for (const auto &[poll, looking] :
          {std::pair{true, changing}, {false, changing}, {true, failing}, {true, steady}}) {
+        const Looks kind = looking;  // a plain variable: lambdas capture it
         SCOPED_TRACE(std::string(poll ? "polling, " : "netlink, ") + std::to_string(kind));
         vesk::test::LogCapture log(VESK_CONFIG_LOG_VERBOSITY_WARNING);
         std::atomic<int> looks{0};
@@ -141,7 +142,7 @@ TEST(InterfaceTracking, StopsPromptlyAndReportsFailedLooks) {
             out[1].name = "a" + (look < 0 ? std::string() : std::to_string(look));
             return out;
         };
-        options.enumerate = [&looks, host, kind = kind](InterfaceTracker::Snapshot &out) {
+        options.enumerate = [&looks, host, kind](InterfaceTracker::Snapshot &out) {
             const int look = looks.fetch_add(1);
             out = host(kind == changing ? look : -1);
             errno = EMFILE;
