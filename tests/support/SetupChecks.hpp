@@ -126,10 +126,10 @@ using Generic = VESK_Transport_Property_t;
 
 // A field by its path in the record and the function that renders it; a
 // number; a list (its elements) and its length.
-#define VESK_FIELD(R, path, how) Field<R>(#path, [](const R &r) { return how(r.path); })
+#define VESK_FIELD(R, path, how) (Field<R>{#path, [](const R &r) { return how(r.path); }})
 #define VESK_NUMBER(R, path) VESK_FIELD(R, path, std::to_string)
 #define VESK_LIST(R, path)                                                           \
-    Field<R>(#path, [](const R &r) { return renderList(r.path, r.path##_length); }), \
+    Field<R>{#path, [](const R &r) { return renderList(r.path, r.path##_length); }}, \
         VESK_NUMBER(R, path##_length)
 
 // Every field of each record part, in the record's order.
