@@ -31,17 +31,6 @@ std::string failure(const std::string &reason) {
     return "KEL_LOG_ANY_FAILURE_s(SHMEM transport: " + reason + ")";
 }
 
-// The calling thread in a network namespace of its own (lo up) while this
-// lives; unlike the shared guard, it also runs under valgrind.
-struct OwnNamespace {
-    int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    bool ok = geteuid() == 0 && unshare(CLONE_NEWNET) == 0 && vesk::test::run("ip link set lo up");
-    ~OwnNamespace() {
-        setns(home, CLONE_NEWNET);
-        close(home);
-    }
-};
-
 // The segment of a port, mapped for looking at its counters.
 struct Peek {
     Mapping mapping;
@@ -394,7 +383,7 @@ TEST_F(ShmemTraffic, ResourcesAreRefusedWithAReasonTheCallerCanActOn) {
 // The debugging copy of a message, observed on the loopback of a network
 // namespace of the test's own.
 TEST_F(ShmemTraffic, UdpDebuggingCopiesEachMessageToLoopback) {
-    const OwnNamespace inside;
+    const PlainNetNamespace inside;
     if (!inside.ok) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
     const int listener = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in at{};

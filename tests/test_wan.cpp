@@ -53,17 +53,6 @@ struct UdpSocket {
     }
 };
 
-// The calling thread in a network namespace of its own (lo up) while this
-// lives; unlike the shared guard, it also runs under valgrind.
-struct OwnNamespace {
-    int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    bool ok = geteuid() == 0 && unshare(CLONE_NEWNET) == 0 && vesk::test::run("ip link set lo up");
-    ~OwnNamespace() {
-        setns(home, CLONE_NEWNET);
-        close(home);
-    }
-};
-
 TEST(WanPorts, RuleTable) {
     const std::vector<Mapping> json = {
         {0, 7400, 17400, 0}, {7410, 7410, 17410, 0}, {7411, 7500, 0, 0}};
@@ -263,7 +252,7 @@ TEST(WanListeners, UnregisteredPointersAreRefused) {
 // (or the offset one) and count their mapping. In a namespace of its own, so
 // that the ports are surely free.
 TEST(WanPlugin, ReceiveResourcesBindTheMappedPortAndCountTheirMapping) {
-    const OwnNamespace inside;
+    const PlainNetNamespace inside;
     if (!inside.ok) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
     auto threads = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
