@@ -124,36 +124,37 @@ bool notifyPublicMapping(const Listener *listener, const VESK_Transport_Address_
 
 }  // namespace vesk::udp
 
+namespace {
+
+// A registry operation as the C interface answers it: 1 or 0, and 0 for a
+// null listener or when the registry cannot be reached.
+template <typename Operation>
+int askRegistry(const VESK_Transport_UDP_WAN_Listener *listener, Operation operation) noexcept {
+    if (listener == nullptr) return 0;
+    try {
+        return operation(vesk::udp::registry(), listener) ? 1 : 0;
+    } catch (...) {
+        return 0;
+    }
+}
+
+}  // namespace
+
 extern "C" {
 
 int VESK_Transport_UDP_WAN_register_listener(
     const struct VESK_Transport_UDP_WAN_Listener *listener) {
-    if (listener == nullptr) return 0;
-    try {
-        return vesk::udp::registry().add(listener) ? 1 : 0;
-    } catch (...) {
-        return 0;
-    }
+    return askRegistry(listener, [](auto &registry, auto *l) { return registry.add(l); });
 }
 
 int VESK_Transport_UDP_WAN_unregister_listener(
     const struct VESK_Transport_UDP_WAN_Listener *listener) {
-    if (listener == nullptr) return 0;
-    try {
-        return vesk::udp::registry().remove(listener) ? 1 : 0;
-    } catch (...) {
-        return 0;
-    }
+    return askRegistry(listener, [](auto &registry, auto *l) { return registry.remove(l); });
 }
 
 int VESK_Transport_UDP_WAN_is_listener_registered(
     const struct VESK_Transport_UDP_WAN_Listener *listener) {
-    if (listener == nullptr) return 0;
-    try {
-        return vesk::udp::registry().contains(listener) ? 1 : 0;
-    } catch (...) {
-        return 0;
-    }
+    return askRegistry(listener, [](auto &registry, auto *l) { return registry.contains(l); });
 }
 
 }  // extern "C"
